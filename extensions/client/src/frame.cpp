@@ -11,6 +11,12 @@ bool begin_request(CallFrame &call) noexcept
     return call.requestber != nullptr;
 }
 
+bool begin_request(CallFrame &call, int options) noexcept
+{
+    call.requestber = ber_alloc_t(options);
+    return call.requestber != nullptr;
+}
+
 static void flatten(CallFrame &call) noexcept
 {
     if (call.err == LDAP_SUCCESS && call.requestber != nullptr &&
@@ -25,8 +31,17 @@ void exchange(CallFrame &call, LDAP *ld, const char *requestName, const char *re
         // NULL controls, not empty arrays: an empty array would suppress the session's defaults.
         call.err = ldap_extended_operation_s(ld, requestName, call.requestbv, nullptr, nullptr,
                                              &call.returnedOID, &call.returnedbv);
-    if (call.err == LDAP_SUCCESS && !same_name(call.returnedOID, responseName))
+    if (call.err == LDAP_SUCCESS &&
+        (responseName == nullptr ? call.returnedOID == nullptr
+                                 : !same_name(call.returnedOID, responseName)))
         call.err = LDAPX_NOT_SUPPORTED;
+}
+
+int request_only(LDAP *ld, const char *requestName, const char *responseName) noexcept
+{
+    CallFrame call;
+    exchange(call, ld, requestName, responseName);
+    return end(call);
 }
 
 void send_request(CallFrame &call, LDAP *ld, const char *requestName, int *msgID) noexcept
@@ -37,14 +52,14 @@ void send_request(CallFrame &call, LDAP *ld, const char *requestName, int *msgID
             ldap_extended_operation(ld, requestName, call.requestbv, nullptr, nullptr, msgID);
 }
 
-void open_value(CallFrame &call) noexcept
+void open_value(CallFrame &call, int noReader) noexcept
 {
     if (call.err != LDAP_SUCCESS)
         return;
     if (call.returnedbv == nullptr)
         call.err = LDAPX_OPERATIONS_ERROR;
     else if ((call.returnedber = ber_init(call.returnedbv)) == nullptr)
-        call.err = LDAPX_NO_MEMORY;
+        call.err = noReader;
 }
 
 ber_tag_t next_tag(BerElement *ber) noexcept
@@ -53,10 +68,17 @@ ber_tag_t next_tag(BerElement *ber) noexcept
     return ber_peek_tag(ber, &length);
 }
 
+ber_len_t unread_bytes(BerElement *ber) noexcept
+{
+    ber_len_t unread = 0;
+    ber_get_option(ber, LBER_OPT_BER_REMAINING_BYTES, &unread);
+    return unread;
+}
+
 void expect(CallFrame &call, ber_tag_t tag) noexcept
 {
     if (call.err == LDAP_SUCCESS && next_tag(call.returnedber) != tag)
-        call.err = LDAPX_ENCODING_ERROR;
+        call.err = call.undecodable;
 }
 
 void close_value(CallFrame &call) noexcept
@@ -90,6 +112,16 @@ int end_and_store(CallFrame &call, LDAP *ld) noexcept
 void store_result(LDAP *ld, int code) noexcept
 {
     ldap_set_option(ld, LDAP_OPT_RESULT_CODE, &code);
+}
+
+char *duplicate(const char *bytes, ber_len_t length) noexcept
+{
+    auto *copy = static_cast<char *>(std::malloc(length + 1));
+    if (copy != nullptr) {
+        std::memcpy(copy, bytes, length);
+        copy[length] = '\0';
+    }
+    return copy;
 }
 
 bool same_name(const char *name, const char *expected) noexcept
