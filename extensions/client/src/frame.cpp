@@ -52,6 +52,15 @@ void send_request(CallFrame &call, LDAP *ld, const char *requestName, int *msgID
             ldap_extended_operation(ld, requestName, call.requestbv, nullptr, nullptr, msgID);
 }
 
+void read_response(CallFrame &call, LDAP *ld, LDAPMessage *message, int *resultCode,
+                   char **errorMsg, int freeIt) noexcept
+{
+    call.err = ldap_parse_result(ld, message, resultCode, nullptr, errorMsg, nullptr, nullptr, 0);
+    if (call.err == LDAP_SUCCESS)
+        call.err =
+            ldap_parse_extended_result(ld, message, &call.returnedOID, &call.returnedbv, freeIt);
+}
+
 void open_value(CallFrame &call, int noReader) noexcept
 {
     if (call.err != LDAP_SUCCESS)

@@ -58,6 +58,12 @@ int request_only(LDAP *ld, const char *requestName, const char *responseName) no
 // Asynchronous: sends the request and stores its message id in *msgID.
 void send_request(CallFrame &call, LDAP *ld, const char *requestName, int *msgID) noexcept;
 
+// Asynchronous: reads the response to such a request. *resultCode and *errorMsg receive what the
+// server says of the whole request, the frame its response name and value. The message is
+// released, where the caller asks for it, only once its result could be read.
+void read_response(CallFrame &call, LDAP *ld, LDAPMessage *message, int *resultCode,
+                   char **errorMsg, int freeIt) noexcept;
+
 // Opens the response value for decoding; noReader is the result when no reader can be made.
 void open_value(CallFrame &call, int noReader = LDAPX_NO_MEMORY) noexcept;
 
