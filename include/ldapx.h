@@ -29,8 +29,10 @@
 
 #ifdef __cplusplus
 #    define LDAPX_NOEXCEPT noexcept
+#    define LDAPX_INT : int /* for an enum that may hold any int, as every enum of C may */
 #else
 #    define LDAPX_NOEXCEPT
+#    define LDAPX_INT
 #endif
 #define LDAPX_API __attribute__((visibility("default")))
 
@@ -207,6 +209,268 @@ LDAPX_API int ldap_remove_orphan_partition(LDAP *ld, char *serverDN,
                                            char *contextName) LDAPX_NOEXCEPT;
 LDAPX_API int ldap_remove_orphan_naming_context(LDAP *ld, char *serverDN,
                                                 char *contextName) LDAPX_NOEXCEPT;
+
+/* ---- Replicas -------------------------------------------------------------------------------
+ *
+ * A replica is a server's copy of a partition. In all six functions
+ *   dn                      is the root of the partition,
+ *   serverDN or serverName  the server object that holds the replica or is to hold it,
+ *   flags                   option bits for the server, sent unchanged.
+ * They are synchronous and check no argument. Common result codes: as for the partitions; the
+ * functions that read an answer add
+ *   LDAPX_OPERATIONS_ERROR  the response carries no value
+ *   LDAPX_ENCODING_ERROR    (also) the response value could not be decoded
+ */
+
+/* The types of replica. Sent and received as the number; a value outside the list is passed on
+ * unchanged in both directions. */
+typedef enum LDAP_REPLICA_TYPE LDAPX_INT {
+    LDAP_RT_MASTER = 0,
+    LDAP_RT_SECONDARY = 1,
+    LDAP_RT_READONLY = 2,
+    LDAP_RT_SUBREF = 3,
+    LDAP_RT_SPARSE_WRITE = 4,
+    LDAP_RT_SPARSE_READ = 5,
+    LDAP_RT_COUNT = 6, /* how many types there are; not a type */
+} LDAP_REPLICA_TYPE;
+
+/* What a server knows of one replica. The caller's record: nothing in it is to be released. The
+ * meaning of state and flags and the unit of the times are the server's. */
+typedef struct ldapreplicainfo {
+    int rootID;                /* of the partition's root entry on that server */
+    int state;                 /* of the replica */
+    int modificationTime;      /* of the replica's last modification */
+    int purgeTime;             /* up to which the replica has been purged */
+    int localReplicaID;        /* the replica's number on that server */
+    char namingContextDN[771]; /* the partition, NUL-terminated */
+    LDAP_REPLICA_TYPE replicaType;
+    int flags;
+} LDAPReplicaInfo;
+
+/* Puts a replica of the partition on a server.
+ *   replicaType  the new replica's type, sent unchanged. */
+LDAPX_API int ldap_add_replica(LDAP *ld, char *dn, char *serverDN, LDAP_REPLICA_TYPE replicaType,
+                               int flags) LDAPX_NOEXCEPT;
+
+/* Removes the replica of the partition from a server. */
+LDAPX_API int ldap_remove_replica(LDAP *ld, char *dn, char *serverDN, int flags) LDAPX_NOEXCEPT;
+
+/* Changes the type of the replica on a server.
+ *   replicaType  the type that it gets, sent unchanged. */
+LDAPX_API int ldap_change_replica_type(LDAP *ld, char *dn, char *serverName,
+                                       LDAP_REPLICA_TYPE replicaType, int flags) LDAPX_NOEXCEPT;
+
+/* Reads what a server knows of its replica of the partition.
+ *   replicaInfo  receives it. The server's DN is copied into namingContextDN whole, WITHOUT a
+ *                bound: a DN of more than 770 bytes runs over replicaType, flags and the end of
+ *                the record. Use it with servers whose DNs are known to be shorter, or with a
+ *                record at the head of a larger buffer; otherwise ldap_get_replica_info_ext().
+ * When the value cannot be decoded, the integers before the place of the fault have their new
+ * values, the others and namingContextDN are unchanged. On other failures the whole record is
+ * unchanged. */
+LDAPX_API int ldap_get_replica_info(LDAP *ld, char *dn, char *serverDN,
+                                    LDAPReplicaInfo *replicaInfo) LDAPX_NOEXCEPT;
+
+/* The same request, safe with any server.
+ *   replicaInfo      receives the information, in namingContextDN at most the first 770 bytes of
+ *                    the DN (a character of several bytes may be cut).
+ *   namingContextDN  receives the whole DN in a new block, released with ldapx_memfree().
+ * Further result code:
+ *   LDAPX_NO_MEMORY  (also) no memory for the whole DN: the record is filled and
+ *                    *namingContextDN is NULL
+ * On other failures *namingContextDN is unchanged and the record as above. */
+LDAPX_API int ldap_get_replica_info_ext(LDAP *ld, char *dn, char *serverDN,
+                                        LDAPReplicaInfo *replicaInfo,
+                                        char **namingContextDN) LDAPX_NOEXCEPT;
+
+/* Lists the partitions of which a server holds replicas.
+ *   replicaList  receives a NULL-terminated array of names, NULL when there is none; array and
+ *                strings are released together with the LDAP library's ldap_value_free() or
+ *                ber_memvfree(). Set it to NULL before the call: it is unchanged on failures
+ *                before the decoding and NULL after a value that could not be decoded. */
+LDAPX_API int ldap_list_replicas(LDAP *ld, char *serverDN, char ***replicaList) LDAPX_NOEXCEPT;
+
+/* ---- Synchronisation ------------------------------------------------------------------------
+ *
+ * Requests that make servers exchange updates now. Synchronous: they return when the server has
+ * accepted the request. Result codes: as for the partitions.
+ *   partitionRoot  the root of the partition concerned.
+ *   delay          after which the server is to begin, in its own unit; sent unchanged.
+ */
+
+/* Makes a server receive all updates of a partition from another.
+ *   partitionRoot  the partition; NULL is refused.
+ *   toServerDN     the server that receives; NULL is refused.
+ *   fromServerDN   the server that sends; NULL sends the word "unusedParam" in its place, which
+ *                  servers take as "any".
+ * Further result code:
+ *   LDAPX_PARAM_ERROR  partitionRoot or toServerDN is NULL; nothing was sent */
+LDAPX_API int ldap_receive_all_updates(LDAP *ld, char *partitionRoot, char *toServerDN,
+                                       char *fromServerDN) LDAPX_NOEXCEPT;
+
+/* Makes a server send all its updates of a partition to the other replicas.
+ *   origServerDN  the server that sends; NULL sends an empty string in its place. */
+LDAPX_API int ldap_send_all_updates(LDAP *ld, char *partitionRoot,
+                                    char *origServerDN) LDAPX_NOEXCEPT;
+
+/* Makes a server synchronise a partition.
+ *   serverName  the server. */
+LDAPX_API int ldap_request_partition_sync(LDAP *ld, char *serverName, char *partitionRoot,
+                                          int delay) LDAPX_NOEXCEPT;
+LDAPX_API int ldap_request_naming_context_sync(LDAP *ld, char *serverName, char *partitionRoot,
+                                               int delay) LDAPX_NOEXCEPT;
+
+/* Makes the server synchronise the schema.
+ *   partitionDN  a DN that the server interprets. */
+LDAPX_API int ldap_request_schema_sync(LDAP *ld, char *partitionDN, int delay) LDAPX_NOEXCEPT;
+
+/* ---- Replication filter ---------------------------------------------------------------------
+ *
+ * Which object classes, and which attributes of each, a server replicates. A filter is one text
+ * in which every name is closed by a dollar sign, a second dollar sign closes a class and a third
+ * the filter:
+ *   filter     = *class "$"
+ *   class      = name "$" *attribute "$"
+ *   attribute  = name "$"
+ *   name       = one or more bytes other than "$" and NUL
+ * "inetOrgPerson$cn$sn$$group$$$" holds two classes, one with two attributes and one with none;
+ * "$" is the filter without classes. There is no escape for the dollar sign. What one of the two
+ * functions gives, the other takes. Both are synchronous.
+ *   serverDN  the server whose filter is meant.
+ * Result codes:
+ *   LDAP_SUCCESS            done
+ *   LDAPX_PARAM_ERROR       serverDN or filter is NULL, or (set) a name is not closed by "$";
+ *                           nothing was sent
+ *   LDAPX_ENCODING_ERROR    the request could not be encoded
+ *   LDAPX_NO_MEMORY         an element could not be allocated or flattened, or (get) the text
+ *   LDAPX_NOT_SUPPORTED     the response has no name, or (set) another operation's
+ *   LDAPX_OPERATIONS_ERROR  (get) the response carries no value
+ *   LDAPX_DECODING_ERROR    (get) the response value is not a filter, or no reader could be made
+ *                           for it
+ *   any other               from the server or from the LDAP library, unchanged; and see set
+ */
+
+/* Sets a server's filter.
+ *   filter  the text; what follows the filter's closing sign is not looked at.
+ * When there is no memory for a working copy of the text, NOTHING IS SENT and the result is what
+ * ber_printf() returned for the server's name, which is LDAP_SUCCESS with OpenLDAP. A caller for
+ * whom that matters reads the filter back. */
+LDAPX_API int ldap_set_replication_filter(LDAP *ld, const char *serverDN,
+                                          const char *filter) LDAPX_NOEXCEPT;
+
+/* Reads a server's filter.
+ *   filter  receives the text in a new block, released with ldapx_memfree() on success and on
+ *           failure alike: after LDAPX_DECODING_ERROR it holds the classes read so far, without
+ *           the filter's closing sign. Set it to NULL before the call: it is unchanged on failures
+ *           before the decoding. NULL when there is no memory for the text.
+ * The response's name is not compared: a filter under another name is taken. */
+LDAPX_API int ldap_get_replication_filter(LDAP *ld, const char *serverDN,
+                                          char **filter) LDAPX_NOEXCEPT;
+
+/* ---- Identity and privileges ----------------------------------------------------------------
+ *
+ * Synchronous. Result codes common to this section and the next:
+ *   LDAP_SUCCESS            done
+ *   LDAPX_ENCODING_ERROR    the request could not be encoded, or the response value could not be
+ *                           decoded
+ *   LDAPX_NO_MEMORY         an element or a buffer could not be allocated
+ *   LDAPX_NOT_SUPPORTED     the response has no name or another operation's
+ *   LDAPX_OPERATIONS_ERROR  the response carries no value
+ *   any other               from the server or from the LDAP library, unchanged
+ */
+
+/* Asks under which identity the session is bound. The request has no value. (RFC 4532 is the
+ * standard operation of this purpose; this one answers with a bare DN.)
+ *   identity  receives the DN in a new block, released with ldapx_memfree(). A DN of up to 771
+ *             bytes is returned whole, a longer one as its first 770 bytes. The block always has
+ *             room for the whole DN; a DN with a zero byte in it reads shorter than it is.
+ * No argument is checked. On failure *identity is unchanged, but NULL when there was no memory
+ * for it; the decoded response value (two blocks of the LDAP library) is leaked in that case. */
+LDAPX_API int ldap_get_bind_dn(LDAP *ld, char **identity) LDAPX_NOEXCEPT;
+LDAPX_API int ldap_get_context_identity_name(LDAP *ld, char **identity) LDAPX_NOEXCEPT;
+
+/* Asks which rights one object effectively has on an attribute of another.
+ *   dn          the object that the rights are over.
+ *   trusteeDN   the object that has them.
+ *   attrName    the attribute.
+ *   privileges  receives the rights, bits that the server defines; unchanged on failure.
+ * No argument is checked. */
+LDAPX_API int ldap_get_effective_privileges(LDAP *ld, char *dn, char *trusteeDN, char *attrName,
+                                            int *privileges) LDAPX_NOEXCEPT;
+
+/* Asks the same for a list of attributes at once. (Mind the order: here the object that has the
+ * rights comes first.)
+ *   subjectDN    the object that has the rights.
+ *   targetDN     the object that they are over.
+ *   targetAttrs  the attributes, NULL-terminated; an empty list is sent as one.
+ *   privileges   receives the rights in the server's order. It is written for as many entries as
+ *                the SERVER announces, whatever was asked for: use it with servers that answer
+ *                one entry per attribute; otherwise ldap_get_effective_privileges_list_ext().
+ * Further result code:
+ *   LDAPX_PARAM_ERROR  one of the four is NULL; nothing was sent
+ * When an entry cannot be read it is 0, and the entries before it are filled. */
+LDAPX_API int ldap_get_effective_privileges_list(LDAP *ld, char *subjectDN, char *targetDN,
+                                                 char **targetAttrs,
+                                                 int *privileges) LDAPX_NOEXCEPT;
+
+/* The same request, safe with any server.
+ *   privileges  receives at most capacity entries.
+ *   capacity    the entries that privileges has room for; 0 or more.
+ *   count       receives the number of entries that the server announced, which may be less than
+ *               0 or more than capacity; unchanged on failures before that number is decoded.
+ * Further result codes:
+ *   LDAPX_PARAM_ERROR     a pointer other than ld is NULL or capacity is negative; nothing was sent
+ *   LDAPX_DECODING_ERROR  the server announced more than capacity entries; the first capacity
+ *                         entries are filled */
+LDAPX_API int ldap_get_effective_privileges_list_ext(LDAP *ld, char *subjectDN, char *targetDN,
+                                                     char **targetAttrs, int *privileges,
+                                                     int capacity, int *count) LDAPX_NOEXCEPT;
+
+/* Makes the server refresh itself. The request has no value; a response value is not read. */
+LDAPX_API int ldap_refresh_server(LDAP *ld) LDAPX_NOEXCEPT;
+
+/* ---- Name conversion ------------------------------------------------------------------------
+ *
+ * The server turns a name of another form into a DN. Synchronous; no argument is checked. Result
+ * codes: as for identity and privileges.
+ *   ldapName  receives the DN, however long, in a new block, released with ldapx_memfree(). On
+ *             failure it is unchanged, but NULL when there was no memory for it; the decoded
+ *             response value (two blocks of the LDAP library) is leaked in that case.
+ */
+
+/* Converts a name in the directory's native form.
+ *   dn  16-bit units in the host's byte order, ended by a zero unit. They are sent with the high
+ *       byte first, the zero unit included. */
+LDAPX_API int ldap_zil_to_ldap(LDAP *ld, unsigned short *dn, char **ldapName) LDAPX_NOEXCEPT;
+
+/* Converts a DNS-style name.
+ *   dn  the name, sent as it is. */
+LDAPX_API int ldap_dns_to_x500_dn(LDAP *ld, char *dn, char **ldapName) LDAPX_NOEXCEPT;
+
+/* ---- Background processes -------------------------------------------------------------------
+ *
+ * Start one of the server's background processes now instead of on its schedule. Synchronous:
+ * they return when the server has accepted the request, which has no value; a response value is
+ * not read. Result codes:
+ *   LDAP_SUCCESS         the server accepted
+ *   LDAPX_NOT_SUPPORTED  the response has no name or another operation's
+ *   any other            from the server or from the LDAP library, unchanged
+ */
+
+/* Starts the process of a number.
+ *   processID  1 backlink, 2 janitor, 3 limber, 4 skulker, 5 schema synchronisation, 6 partition
+ *              purge.
+ * Further result code:
+ *   LDAPX_PARAM_ERROR  any other number; nothing was sent */
+LDAPX_API int ldap_trigger_back_process(LDAP *ld, int processID) LDAPX_NOEXCEPT;
+
+/* The same processes by name. */
+LDAPX_API int wrapper_ldap_trigger_backlink(LDAP *ld) LDAPX_NOEXCEPT;
+LDAPX_API int wrapper_ldap_trigger_janitor(LDAP *ld) LDAPX_NOEXCEPT;
+LDAPX_API int wrapper_ldap_trigger_limber(LDAP *ld) LDAPX_NOEXCEPT;
+LDAPX_API int wrapper_ldap_trigger_skulker(LDAP *ld) LDAPX_NOEXCEPT;
+LDAPX_API int wrapper_ldap_trigger_schema_sync(LDAP *ld) LDAPX_NOEXCEPT;
+LDAPX_API int wrapper_ldap_trigger_partition_purge(LDAP *ld) LDAPX_NOEXCEPT;
 
 #ifdef __cplusplus
 }
