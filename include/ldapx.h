@@ -472,6 +472,242 @@ LDAPX_API int wrapper_ldap_trigger_skulker(LDAP *ld) LDAPX_NOEXCEPT;
 LDAPX_API int wrapper_ldap_trigger_schema_sync(LDAP *ld) LDAPX_NOEXCEPT;
 LDAPX_API int wrapper_ldap_trigger_partition_purge(LDAP *ld) LDAPX_NOEXCEPT;
 
+/* ---- Bulk update (LBURP, RFC 4373) ----------------------------------------------------------
+ *
+ * A bulk update streams numbered batches of updates to one server:
+ *   1. ldap_lburp_start_request(), then ldap_parse_lburp_start_response() on its response, which
+ *      tells the transaction size that the server announces;
+ *   2. for each batch ldap_lburp_operation_request(), and ldap_parse_lburp_operation_response()
+ *      on its response, which lists the operations that failed; several batches may be under way
+ *      at a time;
+ *   3. ldap_lburp_end_request(), then ldap_parse_lburp_end_response() on its response.
+ *
+ * The requests are asynchronous: each returns as soon as it is sent, with its message id. Collect
+ * the response with ldap_result() for that id and hand the message to the parse function. The
+ * library keeps no state between the calls: it does not know that a bulk update is open, checks
+ * no order and no sequence number, and does not compare a batch with the transaction size.
+ *
+ * The requests and the parse functions also store what they return as the session's result code
+ * (LDAP_OPT_RESULT_CODE), with the one exception of a request whose element cannot be made. No
+ * argument is checked, except as the encoders say.
+ *
+ * Result codes of the requests:
+ *   LDAP_SUCCESS            sent; *msgID is its message id
+ *   LDAPX_ENCODING_ERROR    the request could not be encoded
+ *   LDAPX_NO_MEMORY         an element could not be allocated (the session's result code is then
+ *                           untouched) or flattened
+ *   any other               from ldap_extended_operation(), unchanged
+ *
+ * Result codes of the parse functions:
+ *   LDAP_SUCCESS            the response was read; what the server answered is in *resultCode
+ *   LDAPX_DECODING_ERROR    the response value cannot be decoded
+ *   LDAPX_NO_MEMORY         a decoder or a buffer could not be allocated
+ *   LDAPX_NOT_SUPPORTED     the response has no name or another operation's. Servers that refuse
+ *                           an operation often leave the name out: look at *resultCode
+ *   any other               from ldap_parse_result() or ldap_parse_extended_result(), unchanged;
+ *                           these are OpenLDAP's negative codes
+ *
+ * Parameters common to the parse functions:
+ *   resultCode  receives the server's result code for the request as a whole.
+ *   errorMsg    receives the server's message for it, a string or NULL; release it with
+ *               ldap_memfree() on success and on failure alike.
+ *   freeIt      nonzero: release the message. It is released once its result has been read; when
+ *               ldap_parse_result() fails it still is the caller's, whatever freeIt says.
+ * An empty string as response name ends the process inside OpenLDAP's ldap_parse_extended_result.
+ */
+
+/* One operation of a batch. The library only reads the record and what it points to. */
+typedef struct LBURPUpdateOperationList {
+    int operation; /* LDAP_REQ_ADD, LDAP_REQ_DELETE, LDAP_REQ_MODIFY or LDAP_REQ_MODDN */
+    char *dn;      /* the entry */
+    /* One pointer wide: the four members overlay one another. A rename therefore can say no more
+     * than the new RDN; see ldap_lburp_operation_request(). */
+    union {
+        LDAPMod **attrs; /* add and modify: NULL-terminated, not NULL */
+        char *newRDN;    /* rename */
+        int deleteOldRDN;
+        char *newSuperior;
+    } value;
+    LDAPControl **ServerControls; /* sent with this operation: NULL-terminated, or NULL */
+    LDAPControl **ClientControls; /* never read */
+} LBURPUpdateOperationList;
+
+/* One failed operation of a batch. */
+typedef struct LBURPUpdateResult {
+    int packageID;  /* the number by which the server names the operation */
+    int resultCode; /* its LDAP result code */
+    char *errorMsg; /* the server's message for it, or NULL */
+} LBURPUpdateResult;
+
+/* Asks the server to begin a bulk update in the style LDAPX_LBURP_INCREMENTAL_UPDATE, the only
+ * one. The value is always SEQUENCE { OCTET STRING style }.
+ *   msgID  receives the message id of the request. */
+LDAPX_API int ldap_lburp_start_request(LDAP *ld, int *msgID) LDAPX_NOEXCEPT;
+
+/* Reads the response to ldap_lburp_start_request().
+ *   lburpStartMessage  the message that ldap_result() returned.
+ *   tranSize           receives the transaction size that the server announces, the number of
+ *                      operations that it wants in a batch. Unchanged on failure, and on success
+ *                      when the response carries no value.
+ * Any response name will do for a response whose value, SEQUENCE { INTEGER, ... }, can be read;
+ * without a value the name must be LDAPX_LBURP_START_RESPONSE. */
+LDAPX_API int ldap_parse_lburp_start_response(LDAP *ld, LDAPMessage *lburpStartMessage,
+                                              int *resultCode, char **errorMsg, int *tranSize,
+                                              int freeIt) LDAPX_NOEXCEPT;
+
+/* Asks the server to end the bulk update. The value is SEQUENCE { INTEGER sequenceNumber } in
+ * DER (X.690, section 10); the other requests leave their length forms to the LDAP library.
+ *   sequenceNumber  sent as it is: neither its range nor its place in the order is checked.
+ *   msgID           receives the message id of the request. */
+LDAPX_API int ldap_lburp_end_request(LDAP *ld, int sequenceNumber, int *msgID) LDAPX_NOEXCEPT;
+
+/* Reads the response to ldap_lburp_end_request(). A response value is not looked at.
+ *   lburpEndMessage  the message that ldap_result() returned. */
+LDAPX_API int ldap_parse_lburp_end_response(LDAP *ld, LDAPMessage *lburpEndMessage, int *resultCode,
+                                            char **errorMsg, int freeIt) LDAPX_NOEXCEPT;
+
+/* Sends a batch of updates. The value is SEQUENCE { INTEGER sequenceNumber, operations ... }, the
+ * operations as the encoders below write them, with no SEQUENCE OF around them.
+ *   sequenceNumber  the number of the batch, sent as it is.
+ *   op              NULL-terminated array of pointers to records; may be empty, not NULL.
+ *                   Everything stays the caller's.
+ *   msgID           receives the message id of the request.
+ * A rename (LDAP_REQ_MODDN) sends the new RDN twice, the second time in the place of the new
+ * superior, and delete-old-RDN as TRUE unless the low 32 bits of the pointer newRDN are zero: the
+ * record has room for nothing else. Encode a rename that needs values of its own with
+ * LBURPEncodeModRDN().
+ * Further result codes, both with nothing sent:
+ *   LDAPX_NOT_SUPPORTED     a record's operation is none of the four
+ *   LDAPX_ENCODING_ERROR    (also) an encoder failed */
+LDAPX_API int ldap_lburp_operation_request(LDAP *ld, int sequenceNumber,
+                                           LBURPUpdateOperationList **op,
+                                           int *msgID) LDAPX_NOEXCEPT;
+
+/* The encoders that ldap_lburp_operation_request() uses; they may be used alone. Each appends one
+ * element to ber: SEQUENCE { the operation's request as in RFC 4511, [0] controls OPTIONAL }.
+ *   ld        only checked, by those that check it.
+ *   dn        the entry.
+ *   attrs     NULL-terminated; not NULL. Of mod_op only LDAP_MOD_BVALUES counts, which says
+ *             whether mod_bvalues or mod_values holds the values.
+ *   mods      NULL-terminated; not NULL. mod_op less LDAP_MOD_BVALUES is sent as it is.
+ *   newrdn    the new RDN.
+ *   newSuperior
+ *             the new parent, or NULL to leave the entry where it is. Sent as a plain OCTET
+ *             STRING; RFC 4511 has a [0] tag there.
+ *   deleteoldrdn
+ *             nonzero: the values of the old RDN leave the entry.
+ *   controls  NULL-terminated, or NULL for no controls element; an empty array gives an empty
+ *             one. A criticality of 0 and a value whose bv_val is NULL are left out.
+ *   ber       an element of ber_alloc_t(), with or without LBER_USE_DER.
+ * Result codes:
+ *   LDAP_SUCCESS            appended
+ *   LDAPX_ENCODING_ERROR    a write failed, and ber HAS BEEN RELEASED with ber_free(ber, 1): do
+ *                           not use or release it again
+ * None stores the session's result code. A failed check ends the process: LBURPEncodeAdd() wants
+ * ld and dn not NULL, LBURPEncodeDelete() ber, ld and dn; the other two check nothing. */
+LDAPX_API int LBURPEncodeAdd(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **controls,
+                             BerElement *ber) LDAPX_NOEXCEPT;
+LDAPX_API int LBURPEncodeDelete(LDAP *ld, const char *dn, LDAPControl **controls,
+                                BerElement *ber) LDAPX_NOEXCEPT;
+LDAPX_API int LBURPEncodeMod(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **controls,
+                             BerElement *ber) LDAPX_NOEXCEPT;
+LDAPX_API int LBURPEncodeModRDN(LDAP *ld, const char *dn, const char *newrdn,
+                                const char *newSuperior, int deleteoldrdn, LDAPControl **controls,
+                                BerElement *ber) LDAPX_NOEXCEPT;
+
+/* Reads the response to ldap_lburp_operation_request(): the operations of the batch that failed.
+ * None means that all succeeded.
+ *   lburpMessage      the message that ldap_result() returned.
+ *   failedOpsCount    receives how many failed; 0 on failure.
+ *   failedOperations  receives an array of as many records, NULL on failure and when the response
+ *                     carries no value. Release each errorMsg and then the array with
+ *                     ldapx_memfree(). The array holds one record more than counted; that one is
+ *                     not initialised.
+ * The value is read as SEQUENCE { INTEGER packageID, SEQUENCE { resultCode, matchedDN, message } }
+ * over and over until it ends; it may end after a packageID, and the element begun there is not
+ * counted. failedOpsCount and failedOperations may be NULL only for a response without a value.
+ * When an element after the first cannot be read (LDAPX_DECODING_ERROR, LDAPX_NO_MEMORY) the
+ * array is released, but the errorMsg strings of the elements before it are lost.
+ * LDAP_OTHER from the LDAP library's parse functions comes back as LDAP_SUCCESS with nothing
+ * failed; *resultCode tells. */
+LDAPX_API int ldap_parse_lburp_operation_response(LDAP *ld, LDAPMessage *lburpMessage,
+                                                  int *resultCode, char **errorMsg,
+                                                  int *failedOpsCount,
+                                                  LBURPUpdateResult **failedOperations,
+                                                  int freeIt) LDAPX_NOEXCEPT;
+
+/* ---- Object backup and restore --------------------------------------------------------------
+ *
+ * One object is taken out of the server as an opaque block of bytes and put back later. The
+ * caller keeps four things together: the object data with its size, the chunk list and, for the
+ * next backup of the same object, the object state.
+ *
+ *   object state  decimal mts, '+', decimal revision: "1200+3". The server's two marks of the
+ *                 object's state, neither of them 0.
+ *   chunk list    decimal count, then the size of each chunk, each number followed by ';':
+ *                 "3;512;512;17;", and "0;" for none.
+ *   object data   any bytes, zero bytes too.
+ *
+ * Both functions are synchronous. Unlike the other synchronous operations they store what they
+ * return as the session's result code (LDAP_OPT_RESULT_CODE), except where a code below says
+ * otherwise, and a response without the right name gives LDAPX_NOT_SUPPORTED even when the server
+ * refused the operation with a code of its own.
+ */
+
+/* Takes an object out of the server.
+ *   dn           the object; required.
+ *   passwd       the password that guards the copy, or NULL for the empty string.
+ *   objectState  in: *objectState is NULL for a first backup, or the state that an earlier backup
+ *                returned, in a block of malloc(). It is cut at its first '+' while it is read
+ *                and so reads as its mts alone after any failure: keep a copy.
+ *                out: on success the old string has been released with free() and *objectState
+ *                is the new state, or NULL when there was no memory for it.
+ *   objectInfo   receives the object data, *size bytes. Where the server announces more bytes
+ *                than it sends, the rest is zero.
+ *   chunckSize   receives the chunk list, NOT NUL-terminated and exactly as long as its text:
+ *                the last ';' is the one after the last of count + 1 numbers. Copy it into a
+ *                block one byte larger and terminate it before ldap_restore_object().
+ *   size         receives the length of the object data.
+ * Release *objectState, *objectInfo and *chunckSize with ldapx_memfree(). On failure *size may
+ * have been written, and *objectInfo is the caller's to release if it was set; initialise it to
+ * NULL.
+ * Result codes:
+ *   LDAP_SUCCESS            done
+ *   LDAPX_OPERATIONS_ERROR  the response carries no value
+ *   LDAPX_ENCODING_ERROR    the object state has no mts or no revision, or one of them is 0 (the
+ *                           session's result code is untouched); the request could not be encoded
+ *   LDAPX_DECODING_ERROR    the response value cannot be decoded, or announces more chunks than
+ *                           it can hold
+ *   LDAPX_PARAM_ERROR       dn is NULL (the session's result code is untouched)
+ *   LDAPX_NO_MEMORY         the request element (the session's result code is untouched), a
+ *                           reader or a buffer could not be allocated, or the size is negative;
+ *                           in the middle of the chunk list the part already built is lost
+ *   LDAPX_NOT_SUPPORTED     the response has no name or another operation's, or there was none
+ *   any other               from the server, unchanged */
+LDAPX_API int ldap_backup_object(LDAP *ld, const char *dn, const char *passwd, char **objectState,
+                                 char **objectInfo, char **chunckSize, int *size) LDAPX_NOEXCEPT;
+
+/* Puts an object back.
+ *   dn          the object; required.
+ *   passwd      the password under which it was taken, or NULL for the empty string.
+ *   objectInfo  the object data; required.
+ *   chunckSize  the chunk list, NUL-terminated and writable: it is cut in place at each ';'. The
+ *               first number is sent as the count, every further one as a chunk; the two are not
+ *               compared. NULL or no number at all: count 0 and no chunk.
+ *   size        how many bytes of objectInfo to send.
+ * Result codes:
+ *   LDAP_SUCCESS            done
+ *   LDAPX_ENCODING_ERROR    the request could not be encoded, or size is negative
+ *   LDAPX_PARAM_ERROR       dn or objectInfo is NULL (the session's result code is untouched)
+ *   LDAPX_NO_MEMORY         the request element (the session's result code is untouched) or a
+ *                           buffer of size bytes could not be allocated
+ *   LDAPX_NOT_SUPPORTED     the response has no name or another operation's, or there was none
+ *   any other               from the server, unchanged. When the request cannot be flattened for
+ *                           lack of memory the result is a nonzero number of the LDAP library's
+ *                           encoder and no result code proper */
+LDAPX_API int ldap_restore_object(LDAP *ld, const char *dn, const char *passwd, char *objectInfo,
+                                  char *chunckSize, int size) LDAPX_NOEXCEPT;
+
 #ifdef __cplusplus
 }
 #endif

@@ -115,7 +115,9 @@ bool same_name(const char *name, const char *expected) noexcept;
 // An assertion whose text is part of the interface. With assertions compiled out the condition
 // is not evaluated; the code after it gives the result for that case.
 #if GREIRIGE_ASSERTIONS
-#    include <assert.h> // __assert_fail, which assert() itself hides under NDEBUG
+// The C library's assertion call; its own header hides it under NDEBUG, which must not matter here.
+extern "C" [[noreturn]] void __assert_fail(const char *assertion, const char *file,
+                                           unsigned int line, const char *function) noexcept;
 #    define GREIRIGE_ASSERT(condition, text)                                                       \
         ((condition) ? static_cast<void>(0) : __assert_fail(text, __FILE__, __LINE__, __func__))
 #else
