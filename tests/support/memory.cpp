@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <stdexcept>
@@ -31,7 +32,8 @@ struct Live {
 
 // One thread's measurement. Plain data, so that the first use in a thread allocates nothing.
 struct Counter {
-    bool active;
+    bool active;    // releases are followed
+    bool recording; // allocations are counted and may fail
     support::Fail mode;
     std::size_t nth;
     bool struck;
@@ -45,7 +47,7 @@ thread_local Counter counter;
 // Counts one request for memory. False: it must fail.
 bool granted()
 {
-    if (!counter.active)
+    if (!counter.recording)
         return true;
     counter.allocations++;
     bool fails = counter.mode != support::Fail::never && counter.allocations >= counter.nth &&
@@ -59,7 +61,7 @@ bool granted()
 
 void *noted(void *block, std::size_t size)
 {
-    if (!counter.active || block == nullptr)
+    if (!counter.recording || block == nullptr)
         return block;
     if (counter.used == counter.room) {
         counter.room = counter.room * 2 + 64;
@@ -133,6 +135,17 @@ int posix_memalign(void **block, std::size_t alignment, std::size_t size) noexce
     return 0;
 }
 
+// The C library's own wants memory for its message, and without any says nothing that would tell
+// one failure from another.
+[[noreturn]] void __assert_fail(const char *assertion, const char *file, unsigned line,
+                                const char *function) noexcept
+{
+    static_cast<void>(file), static_cast<void>(line);
+    for (const char *part : {function, ": Assertion `", assertion, "' failed.\n"})
+        static_cast<void>(!write(STDERR_FILENO, part, std::strlen(part)));
+    std::abort();
+}
+
 } // extern "C"
 
 namespace support {
@@ -151,20 +164,25 @@ Measurement::Measurement(Fail mode, std::size_t nth)
 {
     if (counter.active)
         throw std::logic_error("one measurement inside another");
-    counter = {true, mode, nth, false, 0, 0, counter.live, 0, counter.room};
+    counter = {true, true, mode, nth, false, 0, 0, counter.live, 0, counter.room};
 }
 
 Measurement::~Measurement()
 {
-    counter.active = false;
+    counter.active = counter.recording = false;
     __libc_free(counter.live);
     counter.live = nullptr;
     counter.used = counter.room = 0;
 }
 
+void Measurement::only_releases()
+{
+    counter.recording = false;
+}
+
 Usage Measurement::stop()
 {
-    counter.active = false;
+    counter.active = counter.recording = false;
     Usage usage{counter.allocations, counter.kept, {}, counter.struck};
     for (std::size_t i = 0; i < counter.used; i++)
         usage.blocks.push_back({counter.live[i].number, counter.live[i].size});
@@ -173,18 +191,24 @@ Usage Measurement::stop()
 
 std::string Outcome::describe() const
 {
-    return died.empty() ? "rc " + std::to_string(rc) + ", " + std::to_string(kept) + " blocks kept"
-                        : died;
+    return died.empty() ? "rc " + std::to_string(rc) + ", " + std::to_string(lost) + " lost" : died;
 }
 
 void Step::run(const std::function<int()> &operation)
 {
-    Measurement measurement(mode_, nth_);
-    outcome_.rc = operation();
-    Usage usage = measurement.stop();
-    outcome_.kept = usage.kept;
-    outcome_.allocations = usage.allocations;
-    outcome_.struck = usage.struck;
+    if (measurement_)
+        throw std::logic_error("a second operation in one body");
+    measurement_.emplace(mode_, nth_);
+    rc_ = operation();
+    measurement_->only_releases();
+}
+
+Outcome Step::outcome()
+{
+    if (!measurement_)
+        throw std::logic_error("no operation in the body");
+    Usage usage = measurement_->stop();
+    return {rc_, usage.blocks.size(), usage.allocations, usage.struck, {}};
 }
 
 namespace {
@@ -193,7 +217,7 @@ namespace {
 struct Report {
     bool complete;
     int rc;
-    long kept;
+    std::size_t lost;
     std::size_t allocations;
     bool struck;
     char failure[256];
@@ -210,8 +234,8 @@ struct Report {
     try {
         Step step(mode, nth);
         body(step);
-        const Outcome &outcome = step.outcome();
-        report = {true, outcome.rc, outcome.kept, outcome.allocations, outcome.struck, {}};
+        Outcome outcome = step.outcome();
+        report = {true, outcome.rc, outcome.lost, outcome.allocations, outcome.struck, {}};
     } catch (const std::exception &error) {
         std::strncpy(report.failure, error.what(), sizeof report.failure - 1);
     }
@@ -247,7 +271,7 @@ Outcome run_failing(Fail mode, std::size_t nth, const std::function<void(Step &)
     int status = 0;
     while (waitpid(child, &status, 0) == -1 && errno == EINTR)
         ;
-    Outcome outcome{report.rc, report.kept, report.allocations, report.struck, {}};
+    Outcome outcome{report.rc, report.lost, report.allocations, report.struck, {}};
     if (WIFSIGNALED(status)) {
         outcome.struck = true;
         outcome.died = std::string(strsignal(WTERMSIG(status))) + ": " + last_line(log);

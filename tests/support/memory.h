@@ -20,12 +20,15 @@
 //     };
 //     for (const Outcome &outcome : sweep(Fail::once, body)) ...
 //
-// outcomes[n - 1] is the run whose n-th allocation failed; the last one is the run that was left
-// alone. What step.run()'s operation is given it must release too, if the blocks shall not count.
+// outcomes[n - 1] is the run whose nth allocation failed; the last one is the run that was left
+// alone. lost counts the operation's blocks that were still there when the body was over: release
+// in the body what the operation hands out, and let the session end there.
 #pragma once
 
 #include <cstddef>
 #include <functional>
+#include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -47,13 +50,15 @@ struct Usage {
 enum class Fail { never, once, from_then_on };
 
 // While it lives, this thread's allocations are counted, and from the nth on made to fail. Use
-// measure() where a callable will do. Two may not live at the same time.
+// measure() where a callable will do. One at a time.
 class Measurement {
 public:
     explicit Measurement(Fail mode = Fail::never, std::size_t nth = 0);
     ~Measurement();
     Measurement(const Measurement &) = delete;
     Measurement &operator=(const Measurement &) = delete;
+    // From here on nothing fails, and what is allocated does not count; releases still do.
+    void only_releases();
     Usage stop();
 };
 
@@ -74,30 +79,33 @@ Usage measure_failing(Fail mode, std::size_t nth, Callable &&callable)
 }
 
 struct Outcome {
-    int rc = 0; // what the operation returned
-    long kept = 0;
+    int rc = 0;           // what the operation returned
+    std::size_t lost = 0; // its blocks that nothing released until the body was over
     std::size_t allocations = 0;
     bool struck = false;
     std::string died; // empty, or the signal and the last line on standard error
 
     bool operator==(const Outcome &) const = default;
     std::string describe() const;
+    friend std::ostream &operator<<(std::ostream &out, const Outcome &outcome)
+    {
+        return out << outcome.describe();
+    }
 };
 
 class Step {
 public:
     Step(Fail mode, std::size_t nth) : mode_(mode), nth_(nth) {}
-    // Runs the operation, which returns a result code, under the failure.
+    // Runs the operation, which returns a result code, under the failure. Once in a body.
     void run(const std::function<int()> &operation);
-    const Outcome &outcome() const
-    {
-        return outcome_;
-    }
+    // After the body.
+    Outcome outcome();
 
 private:
     Fail mode_;
     std::size_t nth_;
-    Outcome outcome_;
+    int rc_ = 0;
+    std::optional<Measurement> measurement_;
 };
 
 // Runs the body once in a child process, the nth allocation failing.

@@ -83,11 +83,37 @@ TEST(Memory, a_sweep_fails_each_allocation_in_turn_and_ends_with_an_untouched_ru
     };
     std::vector<Outcome> outcomes = sweep(Fail::once, body);
     ASSERT_EQ(outcomes.size(), 3u);
-    EXPECT_EQ(outcomes[0].describe(), "rc 1, 1 blocks kept");
-    EXPECT_EQ(outcomes[1].describe(), "rc 2, 0 blocks kept");
-    EXPECT_EQ(outcomes[2].describe(), "rc 0, 0 blocks kept");
+    EXPECT_EQ(outcomes[0].describe(), "rc 1, 1 lost");
+    EXPECT_EQ(outcomes[1].describe(), "rc 2, 0 lost");
+    EXPECT_EQ(outcomes[2].describe(), "rc 0, 0 lost");
     EXPECT_FALSE(outcomes[2].struck);
-    EXPECT_EQ(sweep(Fail::from_then_on, body)[0].describe(), "rc 1, 0 blocks kept");
+    EXPECT_EQ(sweep(Fail::from_then_on, body)[0].describe(), "rc 1, 0 lost");
+}
+
+TEST(Memory, what_the_body_releases_after_the_operation_is_not_lost)
+{
+    Outcome outcome = run_failing(Fail::never, 0, [](Step &step) {
+        void *handed_out = nullptr;
+        void *lost = nullptr;
+        step.run([&] {
+            handed_out = malloc(1);
+            lost = malloc(1);
+            return 0;
+        });
+        free(handed_out);
+        free(malloc(1)); // the body's own
+        ASSERT_NE(lost, nullptr);
+    });
+    EXPECT_EQ(outcome.describe(), "rc 0, 1 lost");
+    EXPECT_EQ(outcome.allocations, 2u);
+}
+
+TEST(Memory, an_assertion_of_a_dependency_is_named_even_without_memory)
+{
+    Outcome outcome = run_failing(Fail::from_then_on, 1, [](Step &step) {
+        step.run([] { return ber_flush2(nullptr, nullptr, 0); });
+    });
+    EXPECT_TRUE(outcome.died.starts_with("Aborted: ber_flush2: Assertion `")) << outcome;
 }
 
 TEST(Memory, a_crash_in_a_sweep_is_an_outcome_with_its_last_words)
