@@ -1,0 +1,55 @@
+# An installed copy serves programs: built with pkg-config, with find_package in C and in C++,
+# shared and static, from a directory that was moved after the installation.
+#   sh package.sh cmake BUILD-DIRECTORY VERSION
+set -eu
+cmake=$1 build=$2 version=$3
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+
+"$cmake" --install "$build" --prefix "$scratch/first" >"$scratch/log" || {
+    cat "$scratch/log"
+    exit 1
+}
+mv "$scratch/first" "$scratch/prefix"
+prefix=$scratch/prefix
+pc=$(find "$prefix" -name greirige.pc)
+libraries=$(dirname "$(dirname "$pc")")
+for file in "$prefix/include/ldapx.h" "$prefix/include/ldap_events.h" \
+    "$libraries/libgreirige.so" "$libraries/libgreirige.so.1" "$libraries/libgreirige.a" \
+    "$libraries/pkgconfig/greirige.pc" "$libraries/cmake/greirige/greirigeConfig.cmake"; do
+    [ -e "$file" ] || {
+        echo "not installed: $file"
+        exit 1
+    }
+done
+
+# built WHAT PROGRAM: runs it and compares the version that it prints.
+built() {
+    said=$(LD_LIBRARY_PATH=$libraries "$2")
+    [ "$said" = "greirige $version" ] || {
+        echo "$1: says '$said'"
+        exit 1
+    }
+}
+
+export PKG_CONFIG_PATH="$libraries/pkgconfig${PKG_CONFIG_PATH:+:$PKG_CONFIG_PATH}"
+[ "$(pkg-config --modversion greirige)" = "$version" ]
+# shellcheck disable=SC2046,SC2086
+"$CC" $CFLAGS -std=c11 -Wall -Wextra -Werror "$HERE/consumer/consumer.c" \
+    $(pkg-config --cflags --libs greirige) -o "$scratch/consumer"
+built pkg-config "$scratch/consumer"
+"$READELF" -d "$scratch/consumer" | grep -q 'NEEDED.*libgreirige\.so\.1'
+
+"$cmake" -S "$HERE/consumer" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DVERSION="$version" >"$scratch/log" 2>&1 &&
+    "$cmake" --build "$scratch/build" >>"$scratch/log" 2>&1 || {
+    cat "$scratch/log"
+    exit 1
+}
+for program in consumer_c consumer_cxx consumer_static; do
+    built "$program" "$scratch/build/$program"
+done
+if "$READELF" -d "$scratch/build/consumer_static" | grep 'NEEDED.*libgreirige'; then
+    echo "consumer_static needs the shared library"
+    exit 1
+fi
