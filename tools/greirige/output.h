@@ -1,0 +1,49 @@
+// What commands print on standard output: aligned text for people, or JSON.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace tool {
+
+using Json = nlohmann::ordered_json;
+
+// A text as a JSON value: a string, or {"base64": "..."} when its bytes are not UTF-8.
+Json json_text(std::string_view bytes);
+
+struct Column {
+    std::string title;
+    bool right = false; // aligned to the right, as numbers are
+};
+using Row = std::vector<std::string>;
+
+class Output {
+public:
+    explicit Output(const bool &json) : json_(json) {}
+
+    bool json() const
+    {
+        return json_;
+    }
+
+    // The command's one JSON document.
+    void document(const Json &document);
+    // One JSON object on a line of its own, at once: for commands that report as things happen.
+    void stream(const Json &object);
+    // One line of text.
+    void line(std::string_view text);
+    void table(const std::vector<Column> &columns, const std::vector<Row> &rows);
+    // "label  value" lines, the values aligned.
+    void fields(const std::vector<std::pair<std::string, std::string>> &fields);
+
+private:
+    void write(std::string_view text);
+
+    const bool &json_; // set while the command line is parsed, which is after this is made
+};
+
+} // namespace tool

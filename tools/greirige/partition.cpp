@@ -1,0 +1,178 @@
+// greirige partition: split, merge, abort, count, split-orphan, remove-orphan.
+
+#include "commands.h"
+
+#include "ldapx.h"
+#include "terminal.h"
+#include "text.h"
+
+namespace tool {
+
+namespace {
+
+// Split, merge and abort: a DN and flags in, nothing out.
+struct PartitionOperation {
+    const char *command;
+    const char *summary;
+    const char *example;
+    const char *dn_help;
+    const char *doing; // the DN and then doing_more follow
+    const char *doing_more;
+    const char *done; // follows the DN
+    bool destructive;
+    int (*call)(LDAP *ld, char *dn, int flags) noexcept;
+};
+
+constexpr PartitionOperation operations[] = {
+    {"split", "Make an entry the root of a new partition",
+     "greirige partition split ou=sales,o=example", "The entry that becomes the root",
+     "split the partition at ", "", " is the root of a partition", false, ldap_split_partition},
+    {"merge", "Merge a partition back into its parent partition",
+     "greirige partition merge ou=sales,o=example", "The root of the partition that disappears",
+     "merge the partition ", " into its parent partition", " belongs to its parent partition", true,
+     ldap_merge_partitions},
+    {"abort", "Abort the operation that is running on a partition",
+     "greirige partition abort ou=sales,o=example", "The root of the partition",
+     "abort the operation running on the partition ", "", ": the running operation is aborted",
+     true, ldap_abort_partition_operation},
+};
+
+void add_operation(CommandLine &line, CLI::App &group, const PartitionOperation &operation)
+{
+    struct Arguments {
+        std::string dn;
+        int flags = 0;
+    };
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App &command = line.command(
+        group, operation.command, operation.summary, operation.example,
+        [arguments, &operation](Tool &tool) {
+            auto &[dn, flags] = *arguments;
+            return tool.carry_out({.name = std::string("partition ") + operation.command,
+                                   .doing = operation.doing + in_quotes(dn) + operation.doing_more,
+                                   .done = printable(dn) + operation.done,
+                                   .details = {{"dn", json_text(dn)}, {"flags", flags}},
+                                   .destructive = operation.destructive},
+                                  [&](LDAP *ld) { return operation.call(ld, dn.data(), flags); });
+        });
+    add_dn(command, "DN", arguments->dn, operation.dn_help);
+    add_flags(command, arguments->flags);
+}
+
+struct OrphanOperation {
+    const char *command;
+    const char *summary;
+    const char *example;
+    const char *doing;
+    const char *preposition;
+    const char *done;
+    bool destructive;
+    int (*call)(LDAP *ld, char *serverDN, char *contextName) noexcept;
+};
+
+constexpr OrphanOperation orphan_operations[] = {
+    {"split-orphan", "Split off a partition whose parent no server holds",
+     "greirige partition split-orphan cn=server1,ou=servers,o=example o=lost",
+     "split off the orphan partition ", " on the server ", " is an orphan partition", false,
+     ldap_split_orphan_partition},
+    {"remove-orphan", "Remove an orphan partition from a server",
+     "greirige partition remove-orphan cn=server1,ou=servers,o=example o=lost",
+     "remove the orphan partition ", " from the server ", " is removed", true,
+     ldap_remove_orphan_partition},
+};
+
+void add_orphan_operation(CommandLine &line, CLI::App &group, const OrphanOperation &operation)
+{
+    struct Arguments {
+        std::string server;
+        std::string context;
+    };
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App &command = line.command(
+        group, operation.command, operation.summary, operation.example,
+        [arguments, &operation](Tool &tool) {
+            auto &[server, context] = *arguments;
+            return tool.carry_out(
+                {.name = std::string("partition ") + operation.command,
+                 .doing = operation.doing + in_quotes(context) + operation.preposition +
+                          in_quotes(server),
+                 .done = printable(context) + operation.done,
+                 .details = {{"serverDN", json_text(server)}, {"contextName", json_text(context)}},
+                 .destructive = operation.destructive},
+                [&](LDAP *ld) { return operation.call(ld, server.data(), context.data()); });
+        });
+    add_dn(command, "SERVER", arguments->server, "The server object on which the partition lives");
+    add_dn(command, "DN", arguments->context, "The orphan partition");
+}
+
+// Counts one partition after the other. One that fails does not stop the others, unless the
+// connection is lost with it.
+ExitStatus count_all(Tool &tool, std::vector<std::string> &dns)
+{
+    Operation all{.name = "partition count", .doing = "count the entries of", .done = {}};
+    Json &names = all.details["partitions"] = Json::array();
+    for (const std::string &dn : dns) {
+        all.doing += (&dn == &dns.front() ? " " : ", ") + in_quotes(dn);
+        names.push_back(json_text(dn));
+    }
+    if (!tool.begin(all))
+        return ExitStatus::done;
+    LDAP *ld = tool.ld();
+
+    Json counted = Json::array();
+    std::vector<Row> rows;
+    bool lost = false;
+    std::size_t failed = 0;
+    for (std::string &dn : dns) {
+        unsigned long count = 0; // the library writes its first four bytes only
+        const int code =
+            lost ? LDAP_SERVER_DOWN : ldap_partition_entry_count(ld, dn.data(), &count);
+        if (code == LDAP_SUCCESS) {
+            counted.push_back({{"dn", json_text(dn)}, {"entries", count}});
+            rows.push_back({std::to_string(count), printable(dn)});
+            continue;
+        }
+        leave_if_interrupted();
+        const std::string why =
+            lost ? "not counted, the connection is lost" : describe(last_failure(ld, code));
+        complain("cannot count the entries of " + in_quotes(dn) + " on " + tool.server() + ": " +
+                 why);
+        counted.push_back({{"dn", json_text(dn)}, {"error", {{"code", code}, {"message", why}}}});
+        rows.push_back({"-", printable(dn)});
+        lost = lost || connection_is_lost(code);
+        ++failed;
+    }
+
+    if (tool.output.json()) {
+        Json document = tool.document(all);
+        document["partitions"] = counted;
+        tool.output.document(document);
+    } else if (rows.size() > 1 && failed < rows.size()) {
+        tool.output.table({{"ENTRIES", true}, {"PARTITION"}}, rows);
+    } else if (failed == 0) {
+        tool.output.line(rows[0][0] + " entries in " + rows[0][1]);
+    }
+    return failed == 0            ? ExitStatus::done
+           : failed == dns.size() ? ExitStatus::failed
+                                  : ExitStatus::done_in_part;
+}
+
+} // namespace
+
+void add_partition_commands(CommandLine &line)
+{
+    CLI::App &group = line.group("partition", "Split, merge and count partitions");
+    for (const PartitionOperation &operation : operations)
+        add_operation(line, group, operation);
+
+    const auto dns = std::make_shared<std::vector<std::string>>();
+    CLI::App &count = line.command(group, "count", "Count the entries of partitions",
+                                   "greirige partition count o=example ou=sales,o=example",
+                                   [dns](Tool &tool) { return count_all(tool, *dns); });
+    add_dns(count, "DN", *dns, "The roots of the partitions");
+
+    for (const OrphanOperation &operation : orphan_operations)
+        add_orphan_operation(line, group, operation);
+}
+
+} // namespace tool

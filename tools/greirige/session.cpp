@@ -1,0 +1,350 @@
+#include "session.h"
+
+#include <vector>
+
+#include "error.h"
+#include "library_options.h"
+#include "sasl.h"
+#include "terminal.h"
+#include "text.h"
+#include "trace.h"
+
+namespace tool {
+
+namespace {
+
+// So that nothing hangs for ever where neither ldap.conf nor -o sets a limit.
+constexpr int default_network_timeout = 15; // to connect and to encrypt, in seconds
+constexpr int default_timeout = 60;         // for the answer to an operation
+
+void set_default_timeout(int option, int seconds)
+{
+    timeval *set = nullptr;
+    ldap_get_option(nullptr, option, &set);
+    if (set == nullptr) {
+        const timeval timeout{.tv_sec = seconds, .tv_usec = 0};
+        ldap_set_option(nullptr, option, &timeout);
+    }
+    ldap_memfree(set);
+}
+
+[[noreturn]] void fail(const std::string &message)
+{
+    leave_if_interrupted();
+    throw Failure(ExitStatus::cannot_connect, message);
+}
+
+std::string with_hint(const std::string &text, const std::string &hint)
+{
+    return hint.empty() ? text : text + " (" + hint + ')';
+}
+
+// A URI that has a DN of dc components but no host stands for the servers that DNS lists for that
+// domain (RFC 2782).
+std::string servers_of_domain(const std::string &uri, const LDAPURLDesc &url)
+{
+    char *domain = nullptr;
+    if (ldap_dn2domain(url.lud_dn, &domain) != 0 || domain == nullptr)
+        throw UsageError("-H " + in_quotes(uri) +
+                         ": the DN does not name a domain (dc=example,dc=com)");
+    char *hosts = nullptr;
+    const int code = ldap_domain2hostlist(domain, &hosts);
+    const std::string name = domain;
+    ldap_memfree(domain);
+    if (code != LDAP_SUCCESS || hosts == nullptr)
+        fail("cannot reach " + uri + ": DNS lists no LDAP server for the domain " +
+             in_quotes(name));
+    std::string list = hosts;
+    ldap_memfree(hosts);
+    std::string uris;
+    for (std::size_t at = 0; at < list.size();) {
+        const std::size_t end = std::min(list.find(' ', at), list.size());
+        uris += (uris.empty() ? "" : " ") + std::string(url.lud_scheme) + "://" +
+                list.substr(at, end - at);
+        at = end + 1;
+    }
+    return uris;
+}
+
+std::string uri_of(const LDAPURLDesc &url)
+{
+    const std::string scheme = url.lud_scheme;
+    std::string host = url.lud_host != nullptr ? url.lud_host : "";
+    if (scheme == "ldapi") {
+        std::string escaped;
+        for (const char c : host)
+            escaped += c == '/' ? "%2F" : std::string(1, c);
+        return scheme + "://" + escaped;
+    }
+    if (host.find(':') != std::string::npos)
+        host = '[' + host + ']';
+    const int standard_port = scheme == "ldaps" ? LDAPS_PORT : LDAP_PORT;
+    const bool show_port = url.lud_port != 0 && url.lud_port != standard_port;
+    return scheme + "://" + host + (show_port ? ':' + std::to_string(url.lud_port) : "");
+}
+
+using Url = std::unique_ptr<LDAPURLDesc, decltype(&ldap_free_urldesc)>;
+
+// The URIs of a list, parted by blanks or commas.
+std::vector<std::pair<std::string, Url>> parse_uris(const std::string &uris)
+{
+    std::vector<std::pair<std::string, Url>> parsed;
+    for (std::size_t at = 0; (at = uris.find_first_not_of(" ,", at)) != std::string::npos;) {
+        const std::size_t end = std::min(uris.find_first_of(" ,", at), uris.size());
+        const std::string uri = uris.substr(at, end - at);
+        LDAPURLDesc *url = nullptr;
+        if (ldap_url_parse(uri.c_str(), &url) != LDAP_URL_SUCCESS)
+            throw UsageError("-H " + in_quotes(uri) +
+                             ": not an LDAP URI (an example: ldap://localhost:389)");
+        parsed.emplace_back(uri, Url(url, ldap_free_urldesc));
+        at = end;
+    }
+    return parsed;
+}
+
+bool names_a_domain(const LDAPURLDesc &url)
+{
+    return (url.lud_host == nullptr || *url.lud_host == '\0') && url.lud_dn != nullptr &&
+           *url.lud_dn != '\0';
+}
+
+std::string resolve_domains(const std::string &uris)
+{
+    std::string resolved;
+    for (const auto &[uri, url] : parse_uris(uris))
+        resolved += (resolved.empty() ? "" : " ") +
+                    (names_a_domain(*url) ? servers_of_domain(uri, *url) : uri);
+    return resolved;
+}
+
+} // namespace
+
+Session::Session(ConnectionOptions &options, bool verbose) : options_(options), verbose_(verbose)
+{
+    set_default_timeout(LDAP_OPT_NETWORK_TIMEOUT, default_network_timeout);
+    set_default_timeout(LDAP_OPT_TIMEOUT, default_timeout);
+    apply_library_options(options);
+
+    if (options.uri && parse_uris(*options.uri).empty())
+        throw UsageError("-H: the URI is empty (an example: ldap://localhost:389)");
+    LDAP *ld = nullptr;
+    const std::string uris = options.uri.value_or("");
+    if (const int code = ldap_initialize(&ld, uris.empty() ? nullptr : uris.c_str()); code != 0)
+        throw UsageError("-H " + in_quotes(uris) + ": " + ldap_err2string(code));
+    ld_.reset(ld);
+    const int version = LDAP_VERSION3;
+    ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    // A referral is shown, not followed: the other server would be asked without a bind.
+    ldap_set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
+    apply_session_options(options, ld);
+    controls_ = std::make_unique<Controls>(options, ld);
+
+    list_servers();
+}
+
+void Session::list_servers()
+{
+    char *all = nullptr;
+    ldap_get_option(ld_.get(), LDAP_OPT_URI, &all);
+    const std::string uris = options_.uri.value_or(all != nullptr ? all : "ldap://localhost");
+    ldap_memfree(all);
+    servers_.clear();
+    server_.clear();
+    for (const auto &[uri, url] : parse_uris(uris)) {
+        servers_.push_back(printable(names_a_domain(*url) ? uri : uri_of(*url)));
+        server_ += (server_.empty() ? "" : " ") + servers_.back();
+    }
+}
+
+LDAP *Session::ld()
+{
+    open();
+    return ld_.get();
+}
+
+void Session::open()
+{
+    if (open_)
+        return;
+    open_ = true;
+    reach();
+    if (options_.start_tls > 0)
+        start_tls();
+    bind();
+    ldap_set_option(ld_.get(), LDAP_OPT_SERVER_CONTROLS, controls_->for_operations());
+}
+
+int Session::note_server(LDAP *, LDAPURLDesc **, LDAPURLDesc **url, void *session)
+{
+    static_cast<Session *>(session)->server_ = printable(uri_of(**url));
+    return LDAP_SUCCESS;
+}
+
+void Session::reach()
+{
+    if (options_.uri) {
+        const std::string uris = resolve_domains(*options_.uri);
+        ldap_set_option(ld_.get(), LDAP_OPT_URI, uris.c_str());
+        options_.uri = uris;
+        list_servers();
+    }
+    ldap_set_urllist_proc(ld_.get(), note_server, this);
+
+    const LibraryTrace trace;
+    const int code = ldap_connect(ld_.get());
+    if (code == LDAP_SUCCESS) {
+        say("connected to " + server_);
+        return;
+    }
+    const std::vector<Cause> causes = connection_causes(trace.lines());
+    if (causes.empty())
+        fail("cannot reach " + server_ + ": " + describe(last_failure(ld_.get(), code)));
+    if (causes.size() == 1)
+        fail("cannot reach " + server_ + ": " + with_hint(causes[0].text, causes[0].hint));
+    std::string message = "cannot reach any server: ";
+    for (std::size_t at = 0; at < causes.size(); ++at)
+        message += (at == 0 ? "" : "; ") + (at < servers_.size() ? servers_[at] + ": " : "") +
+                   causes[at].text;
+    fail(with_hint(message, "-H chooses others"));
+}
+
+void Session::start_tls()
+{
+    const LibraryTrace trace;
+    const int code = ldap_start_tls_s(ld_.get(), nullptr, nullptr);
+    if (code == LDAP_SUCCESS) {
+        say("encrypted with StartTLS");
+        return;
+    }
+    const Cause cause = tls_cause(trace.lines());
+    const std::string why = cause.text.empty() ? describe(last_failure(ld_.get(), code))
+                                               : with_hint(cause.text, cause.hint);
+    const std::string message = "cannot encrypt the connection to " + server_ + ": " + why;
+    // A server that refuses StartTLS leaves the connection as it was, and one -Z goes on with it.
+    if (code < 0 || options_.start_tls > 1)
+        fail(message);
+    leave_if_interrupted();
+    complain("warning: " + message + "; going on without encryption");
+}
+
+Secret Session::password() const
+{
+    if (options_.ask_password)
+        return read_password("Enter LDAP Password: ");
+    if (!options_.password_file.empty())
+        return read_password_file(options_.password_file);
+    return options_.password ? Secret(options_.password->text()) : Secret();
+}
+
+void Session::bind()
+{
+    const Secret secret = password();
+    const int code = options_.simple ? bind_simple(secret) : bind_sasl(secret);
+    const std::string who = options_.bind_dn ? " as " + in_quotes(*options_.bind_dn)
+                            : !options_.authentication_id.empty()
+                                ? " as " + in_quotes(options_.authentication_id)
+                                : "";
+    if (code == LDAP_SUCCESS) {
+        say("bound" + who);
+        return;
+    }
+    leave_if_interrupted();
+    std::string why = describe(last_failure(ld_.get(), code));
+    if (options_.simple && options_.bind_dn && secret.empty() && !connection_is_lost(code))
+        why += "; no password was given: -W asks for one";
+    if (!options_.simple && !connection_is_lost(code))
+        why += "; this was a SASL bind: -x binds by name and password";
+    fail("cannot bind to " + server_ + who + ": " + why);
+}
+
+int Session::bind_simple(const Secret &password)
+{
+    // Without -D libldap takes the BINDDN of ldap.conf, if there is a password.
+    const char *dn = options_.bind_dn ? options_.bind_dn->c_str() : nullptr;
+    berval credentials = password.value();
+    int id = 0;
+    const int code = ldap_sasl_bind(ld_.get(), dn, LDAP_SASL_SIMPLE, &credentials,
+                                    controls_->for_bind(), nullptr, &id);
+    if (code != LDAP_SUCCESS)
+        return code;
+    LDAPMessage *response = nullptr;
+    const int received = ldap_result(ld_.get(), id, LDAP_MSG_ALL, nullptr, &response);
+    if (received == 0)
+        return LDAP_TIMEOUT;
+    if (received < 0) {
+        int error = LDAP_SERVER_DOWN;
+        ldap_get_option(ld_.get(), LDAP_OPT_RESULT_CODE, &error);
+        return error;
+    }
+    return take_bind_response(response);
+}
+
+int Session::bind_sasl(const Secret &password)
+{
+    SaslAnswers answers(options_, password, ld_.get());
+    const char *dn = options_.bind_dn ? options_.bind_dn->c_str() : nullptr;
+    const char *chosen = nullptr;
+    LDAPMessage *response = nullptr;
+    int id = 0;
+    for (;;) {
+        const int code = ldap_sasl_interactive_bind(
+            ld_.get(), dn, answers.mechanism(), controls_->for_bind(), nullptr, answers.flags(),
+            SaslAnswers::interact, &answers, response, &chosen, &id);
+        if (code != LDAP_SASL_BIND_IN_PROGRESS) {
+            if (response != nullptr && code == LDAP_SUCCESS)
+                return take_bind_response(response);
+            ldap_msgfree(response);
+            answers.rethrow();
+            return code;
+        }
+        ldap_msgfree(response);
+        response = nullptr;
+        const int received = ldap_result(ld_.get(), id, LDAP_MSG_ALL, nullptr, &response);
+        if (received <= 0) {
+            int error = LDAP_TIMEOUT;
+            if (received < 0)
+                ldap_get_option(ld_.get(), LDAP_OPT_RESULT_CODE, &error);
+            return error;
+        }
+    }
+}
+
+// The result of the bind, and what its controls say about the password.
+int Session::take_bind_response(LDAPMessage *response)
+{
+    int code = LDAP_SUCCESS;
+    LDAPControl **controls = nullptr;
+    const int parsed =
+        ldap_parse_result(ld_.get(), response, &code, nullptr, nullptr, nullptr, &controls, 1);
+    if (parsed != LDAP_SUCCESS)
+        return parsed;
+    if (LDAPControl *policy =
+            ldap_control_find(LDAP_CONTROL_PASSWORDPOLICYRESPONSE, controls, nullptr)) {
+        ber_int_t expires = -1;
+        ber_int_t grace = -1;
+        LDAPPasswordPolicyError error = PP_noError;
+        if (ldap_parse_passwordpolicy_control(ld_.get(), policy, &expires, &grace, &error) ==
+            LDAP_SUCCESS) {
+            if (expires >= 0)
+                complain("warning: the password expires in " + counted(expires, "second"));
+            if (grace >= 0)
+                complain("warning: the password has expired, " + counted(grace, "bind") +
+                         " with it are left");
+            if (error != PP_noError)
+                complain(std::string("warning: ") + ldap_passwordpolicy_err2txt(error));
+        }
+    }
+    if (LDAPControl *identity = ldap_control_find(LDAP_CONTROL_AUTHZID_RESPONSE, controls, nullptr))
+        say("the authorization identity is " +
+            in_quotes({identity->ldctl_value.bv_val, identity->ldctl_value.bv_len}));
+    ldap_controls_free(controls);
+    return code;
+}
+
+void Session::say(const std::string &what) const
+{
+    if (verbose_)
+        complain(what);
+}
+
+} // namespace tool

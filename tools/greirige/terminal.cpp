@@ -1,0 +1,162 @@
+#include "terminal.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include "error.h"
+
+namespace tool {
+
+namespace {
+
+volatile std::sig_atomic_t signal_received = 0;
+
+extern "C" void note_signal(int number)
+{
+    signal_received = number;
+}
+
+void write_all(int file, std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t written = write(file, text.data(), text.size());
+        if (written < 0)
+            return;
+        text.remove_prefix(static_cast<std::size_t>(written));
+    }
+}
+
+// The terminal, or what stands in for it, without echo when what is typed is a secret.
+class Prompt {
+public:
+    Prompt(const std::string &question, bool hidden)
+        : terminal_(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY)),
+          in_(terminal_ >= 0 ? terminal_ : STDIN_FILENO),
+          out_(terminal_ >= 0 ? terminal_ : STDERR_FILENO),
+          silent_(hidden && tcgetattr(in_, &before_) == 0)
+    {
+        if (silent_) {
+            termios silent = before_;
+            silent.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHONL);
+            tcsetattr(in_, TCSAFLUSH, &silent);
+        }
+        write_all(out_, question);
+    }
+    ~Prompt()
+    {
+        if (silent_) {
+            tcsetattr(in_, TCSAFLUSH, &before_);
+            write_all(out_, "\n");
+        }
+        if (terminal_ >= 0)
+            close(terminal_);
+    }
+    Prompt(const Prompt &) = delete;
+    Prompt &operator=(const Prompt &) = delete;
+
+    int input() const
+    {
+        return in_;
+    }
+
+private:
+    int terminal_;
+    int in_;
+    int out_;
+    termios before_ = {};
+    bool silent_;
+};
+
+// One line, byte by byte so that nothing behind it is consumed. False at the end of the input.
+template <class Append>
+bool read_line(int file, Append append)
+{
+    for (bool any = false;; any = true) {
+        char byte = 0;
+        const ssize_t got = read(file, &byte, 1);
+        if (got < 0 && errno == EINTR && !interrupted())
+            continue;
+        leave_if_interrupted();
+        if (got <= 0)
+            return any;
+        if (byte == '\n')
+            return true;
+        append(byte);
+    }
+}
+
+Secret ask(const std::string &question, bool hidden)
+{
+    const Prompt prompt(question, hidden);
+    Secret answer;
+    if (!read_line(prompt.input(), [&](char byte) { answer.append(byte); }))
+        throw Failure(ExitStatus::cannot_connect,
+                      "no password was given: the input ended (-y FILE reads it from a file)");
+    return answer;
+}
+
+} // namespace
+
+bool somebody_is_there()
+{
+    return isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1;
+}
+
+bool confirm(const std::string &question)
+{
+    write_all(STDERR_FILENO, question);
+    std::string answer;
+    const bool answered = read_line(STDIN_FILENO, [&](char byte) { answer += byte; });
+    return answered && (answer.starts_with('y') || answer.starts_with('Y'));
+}
+
+Secret read_password(const std::string &prompt)
+{
+    return ask(prompt, true);
+}
+
+Secret read_answer(const std::string &prompt)
+{
+    return ask(prompt, false);
+}
+
+void catch_signals()
+{
+    struct sigaction action = {};
+    action.sa_handler = note_signal;
+    action.sa_flags = static_cast<int>(SA_RESETHAND); // not SA_RESTART: waiting calls must end
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction before = {};
+        sigaction(number, nullptr, &before);
+        if (before.sa_handler != SIG_IGN) // as nohup(1) and background shells leave it
+            sigaction(number, &action, nullptr);
+    }
+    // A server or a reader of our output that goes away is an error to report, not a death.
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+bool interrupted()
+{
+    return signal_received != 0;
+}
+
+void leave_if_interrupted()
+{
+    if (interrupted())
+        throw Interrupted{};
+}
+
+void end_by_signal()
+{
+    const int number = signal_received;
+    std::signal(number, SIG_DFL);
+    raise(number);
+    std::_Exit(128 + number);
+}
+
+} // namespace tool

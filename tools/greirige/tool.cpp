@@ -1,0 +1,90 @@
+#include "tool.h"
+
+#include "terminal.h"
+#include "text.h"
+
+namespace tool {
+
+Tool::Tool(Options &options)
+    : output(options.json), options_(options),
+      session_(std::make_unique<Session>(options.connection, options.verbose))
+{
+}
+
+LDAP *Tool::ld()
+{
+    return session_->ld();
+}
+
+const std::string &Tool::server() const
+{
+    return session_->server();
+}
+
+bool Tool::begin(const Operation &operation)
+{
+    if (!options_.dry_run) {
+        if (operation.destructive)
+            get_consent(operation);
+        return true;
+    }
+    if (output.json()) {
+        Json json = document(operation);
+        json["done"] = false;
+        json["dryRun"] = true;
+        output.document(json);
+    } else {
+        output.line("would " + operation.doing + " on " + server());
+    }
+    return false;
+}
+
+void Tool::get_consent(const Operation &operation)
+{
+    if (options_.yes)
+        return;
+    if (!somebody_is_there())
+        throw UsageError(operation.name + " would " + operation.doing + " on " + server() +
+                         ", and there is no terminal to ask on (--yes does it without asking)");
+    if (!confirm("About to " + operation.doing + " on " + server() + ".\nGo ahead? [y/N] "))
+        throw Failure(ExitStatus::failed, operation.name + " was not confirmed: nothing was sent");
+}
+
+void Tool::check(const Operation &operation, int code)
+{
+    if (code == LDAP_SUCCESS)
+        return;
+    leave_if_interrupted();
+    throw Failure(ExitStatus::failed, "cannot " + operation.doing + " on " + server() + ": " +
+                                          describe(last_failure(ld(), code)));
+}
+
+ExitStatus Tool::carry_out(const Operation &operation, const std::function<int(LDAP *)> &call)
+{
+    if (!begin(operation))
+        return ExitStatus::done;
+    check(operation, call(ld()));
+    if (output.json()) {
+        Json json = document(operation);
+        json["done"] = true;
+        output.document(json);
+    } else {
+        output.line(operation.done);
+    }
+    return ExitStatus::done;
+}
+
+Json Tool::document(const Operation &operation) const
+{
+    Json json{{"operation", operation.name}, {"server", json_text(server())}};
+    json.update(operation.details);
+    return json;
+}
+
+void Tool::say(const std::string &what) const
+{
+    if (options_.verbose)
+        complain(what);
+}
+
+} // namespace tool

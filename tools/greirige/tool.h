@@ -1,0 +1,68 @@
+// What a command works with: the options, the output, the session, and the rules that all
+// commands follow (-n, --yes, how a failure reads).
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "connection.h"
+#include "error.h"
+#include "output.h"
+#include "session.h"
+
+namespace tool {
+
+struct Options {
+    ConnectionOptions connection;
+    bool json = false;
+    bool yes = false;
+    bool dry_run = false;
+    bool verbose = false;
+    int version = 0;
+};
+
+// One operation on the server, in words. A command fills it once; every message is made of it.
+struct Operation {
+    std::string name;  // the command, "partition merge"
+    std::string doing; // after "cannot", "would" and "about to": "merge the partition ..."
+    std::string done;  // the line for people when it was done
+    Json details = Json::object(); // what belongs to it in the JSON document, besides its name
+    bool destructive = false;      // asks before it begins
+};
+
+class Tool {
+public:
+    explicit Tool(Options &options);
+
+    Output output;
+
+    // The session for the library's functions: connected and bound on first use.
+    LDAP *ld();
+    const std::string &server() const;
+
+    // False when nothing is to be sent (-n): what would be done has been shown then. A destructive
+    // operation is announced and must be confirmed; a Failure is thrown when it is not.
+    bool begin(const Operation &operation);
+
+    // Throws the Failure that belongs to a result code other than success.
+    void check(const Operation &operation, int code);
+
+    // For operations that only succeed or fail: begins, calls, checks, and reports.
+    ExitStatus carry_out(const Operation &operation, const std::function<int(LDAP *)> &call);
+
+    // The beginning of the operation's JSON document: its name, the server, its details.
+    Json document(const Operation &operation) const;
+
+    // "greirige: ..." on standard error with -v.
+    void say(const std::string &what) const;
+
+private:
+    void get_consent(const Operation &operation);
+    Session &session();
+
+    Options &options_;
+    std::unique_ptr<Session> session_;
+};
+
+} // namespace tool
