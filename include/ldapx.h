@@ -511,8 +511,9 @@ LDAPX_API int wrapper_ldap_trigger_partition_purge(LDAP *ld) LDAPX_NOEXCEPT;
  *   resultCode  receives the server's result code for the request as a whole.
  *   errorMsg    receives the server's message for it, a string or NULL; release it with
  *               ldap_memfree() on success and on failure alike.
- *   freeIt      nonzero: release the message. It is released once its result has been read; when
- *               ldap_parse_result() fails it still is the caller's, whatever freeIt says.
+ *   freeIt      nonzero: release the message. When ldap_parse_result() or
+ *               ldap_parse_extended_result() fails (a negative code) it stays the caller's all
+ *               the same.
  * An empty string as response name ends the process inside OpenLDAP's ldap_parse_extended_result.
  */
 
