@@ -2,10 +2,12 @@
 
 include(CMakePackageConfigHelpers)
 
-install(TARGETS greirige greirige_static EXPORT greirigeTargets
+install(TARGETS greirige greirige_static greirige_cpp EXPORT greirigeTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES include/ldapx.h include/ldap_events.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/ldapx.h include/ldap_events.h include/greirige.hpp
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY include/greirige DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT greirigeTargets NAMESPACE greirige::
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/greirige)
 
