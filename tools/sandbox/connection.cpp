@@ -1,0 +1,455 @@
+#include "connection.h"
+
+#include <algorithm>
+#include <limits>
+#include <sstream>
+#include <utility>
+
+namespace sandbox {
+
+namespace {
+
+// How much of a request is kept until it is answered.
+constexpr std::size_t kept_of_request = 8 * 1024;
+// More requests than this without an answer are refused: each costs memory here and in slapd.
+constexpr std::size_t most_exchanges = 10000;
+
+// Requests that are looked at whole before they go anywhere.
+bool needs_whole(ber::Tag request)
+{
+    return request == LDAP_REQ_BIND || request == LDAP_REQ_EXTENDED ||
+           request == LDAP_REQ_ABANDON || request == LDAP_REQ_UNBIND;
+}
+
+// Moves what is here of a passing message. False when there is more to come.
+bool pass_on(Link &from, Link &to, std::size_t &rest)
+{
+    const std::size_t size = std::min(rest, from.input().size());
+    to.send(from.input().substr(0, size));
+    from.consume(size);
+    rest -= size;
+    return rest == 0;
+}
+
+std::string operation_name(ber::Tag request)
+{
+    switch (request) {
+    case LDAP_REQ_BIND:
+        return "bind";
+    case LDAP_REQ_SEARCH:
+        return "search";
+    case LDAP_REQ_MODIFY:
+        return "modify";
+    case LDAP_REQ_ADD:
+        return "add";
+    case LDAP_REQ_DELETE:
+        return "delete";
+    case LDAP_REQ_MODDN:
+        return "rename";
+    case LDAP_REQ_COMPARE:
+        return "compare";
+    default:
+        return "extended";
+    }
+}
+
+// A request for people: its operation, and the name that it is about. Only the first bytes of
+// the request need to be there.
+std::string describe(ber::Tag operation, std::string_view request)
+{
+    std::string text = operation_name(operation);
+    try {
+        ber::Header header;
+        ber::read_header(request, header);
+        ber::Reader envelope(request.substr(header.header_size));
+        envelope.integer();
+        ber::read_header(envelope.rest(), header);
+        ber::Reader body(envelope.rest().substr(header.header_size));
+        if (operation == LDAP_REQ_BIND)
+            body.integer();
+        if (operation == LDAP_REQ_DELETE)
+            text.append(" \"").append(envelope.octets(operation)).append("\"");
+        else if (operation == LDAP_REQ_EXTENDED)
+            text.append(" ").append(body.octets(LDAP_TAG_EXOP_REQ_OID));
+        else
+            text.append(" \"").append(body.octets()).append("\"");
+    } catch (const ber::Malformed &) {
+        text += " (unreadable)";
+    }
+    return text;
+}
+
+bool has_critical_control(std::string_view controls)
+{
+    ber::Reader list(controls);
+    while (!list.at_end()) {
+        ber::Reader control = list.enter(ber::sequence_tag);
+        control.octets();
+        if (control.next_tag() == ber::boolean_tag && control.boolean())
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+Connection::Connection(const Service &service, Link::Socket client, Link::Socket slapd,
+                       std::string name)
+    : service_(service), name_(std::move(name)), client_(std::make_shared<Link>(std::move(client))),
+      slapd_(std::make_shared<Link>(std::move(slapd)))
+{
+}
+
+void Connection::start(std::function<void()> ended)
+{
+    ended_ = std::move(ended);
+    const auto with_self = [this](void (Connection::*member)()) {
+        return [weak = weak_from_this(), member] {
+            if (const auto self = weak.lock())
+                (*self.*member)();
+        };
+    };
+    const auto gone = [weak = weak_from_this()](const std::string &) {
+        if (const auto self = weak.lock())
+            self->end();
+    };
+    client_->start(
+        {with_self(&Connection::take_requests), with_self(&Connection::take_responses), gone});
+    slapd_->start(
+        {with_self(&Connection::take_responses), with_self(&Connection::take_requests), gone});
+    client_->receive();
+    slapd_->receive();
+}
+
+void Connection::end(const Result &notice)
+{
+    if (!is_open())
+        return;
+    // A notice in the middle of another message could not be told from its bytes.
+    if (!notice.ok() && response_rest_ == 0)
+        client_->send(notice_of_disconnection(notice));
+    client_->finish();
+    slapd_->close();
+    for (const auto &[id, call] : std::exchange(calls_, {}))
+        call->stop();
+    if (const auto ended = std::exchange(ended_, {}))
+        ended();
+}
+
+bool Connection::is_open() const
+{
+    return static_cast<bool>(ended_);
+}
+
+// ---- From the client to slapd -----------------------------------------------------------------
+
+bool Connection::may_take_requests() const
+{
+    return is_open() && !binding_ && !slapd_->congested() && !client_->congested();
+}
+
+void Connection::take_requests()
+{
+    try {
+        while (may_take_requests()) {
+            if (request_rest_ > 0) {
+                if (!pass_on(*client_, *slapd_, request_rest_))
+                    break;
+                continue;
+            }
+            const auto head = read_head(client_->input(), service_.max_message);
+            if (!head || !take_request(*head))
+                break;
+        }
+    } catch (const ber::Malformed &error) {
+        end({LDAP_PROTOCOL_ERROR, error.what(), {}});
+    }
+    if (may_take_requests())
+        client_->receive();
+}
+
+// False when more of the message must be here first.
+bool Connection::take_request(const MessageHead &head)
+{
+    const std::size_t examined =
+        needs_whole(head.operation) ? head.size : std::min(head.size, kept_of_request);
+    if (client_->input().size() < examined)
+        return false;
+    const std::string_view bytes = client_->input().substr(0, examined);
+
+    if (head.operation == LDAP_REQ_EXTENDED && take_extended(read_message(bytes))) {
+        client_->consume(head.size);
+        return true;
+    }
+    if (response_to(head.operation)) {
+        if (exchanges_.size() >= most_exchanges)
+            throw ber::Malformed("more than " + std::to_string(most_exchanges) +
+                                 " requests without an answer");
+        exchanges_[head.id] = {head.operation, std::string(bytes.substr(0, kept_of_request))};
+    }
+    if (head.operation == LDAP_REQ_BIND) {
+        slapd_->send(begin_bind(bytes));
+        client_->consume(head.size);
+        return true;
+    }
+    if (head.operation == LDAP_REQ_ABANDON)
+        begin_abandon(read_message(bytes));
+    request_rest_ = head.size;
+    return true;
+}
+
+// True when the request is answered here.
+bool Connection::take_extended(const Message &message)
+{
+    ber::Reader request(message.operation.content);
+    const std::string name = request.text(LDAP_TAG_EXOP_REQ_OID);
+    std::optional<std::string> value;
+    if (!request.at_end())
+        value = request.text(LDAP_TAG_EXOP_REQ_VALUE);
+    request.finish();
+
+    if (name == LDAP_EXOP_CANCEL)
+        return cancel(message, value);
+    if (!Operations::is_ours(name))
+        return false;
+    perform(message, name, std::move(value));
+    return true;
+}
+
+void Connection::perform(const Message &message, const std::string &name,
+                         std::optional<std::string> value)
+{
+    const Operation *operation = service_.operations.find(name);
+    if (operation == nullptr || has_critical_control(message.controls)) {
+        const Result refusal =
+            operation == nullptr
+                ? Result{LDAP_PROTOCOL_ERROR, "unknown extended operation " + name, {}}
+                : Result{LDAP_UNAVAILABLE_CRITICAL_EXTENSION,
+                         operation->title + ": no control is supported",
+                         {}};
+        send_to_client(sandbox::message(message.id, extended_response(refusal)));
+        log(message.id, "extended " + name, refusal, Clock::now());
+        return;
+    }
+    if (calls_.count(message.id) != 0)
+        throw ber::Malformed("message id " + std::to_string(message.id) + " is in use");
+    const auto call = std::make_shared<Call>(weak_from_this(), message.id, *operation,
+                                             std::move(value), identity_);
+    calls_[message.id] = call;
+    try {
+        operation->handle(call);
+    } catch (const ber::Malformed &error) {
+        call->answer({LDAP_PROTOCOL_ERROR, operation->title + ": " + error.what(), {}});
+    }
+}
+
+// Cancel (RFC 3909) of one of our own operations; true when it is one.
+bool Connection::cancel(const Message &message, const std::optional<std::string> &value)
+{
+    if (!value)
+        return false;
+    ber::Reader reader(*value);
+    const auto found = calls_.find(reader.enter(ber::sequence_tag).integer());
+    if (found == calls_.end())
+        return false;
+    const std::shared_ptr<Call> call = found->second;
+    Result result;
+    if (call->can_stop()) {
+        answer(*call, {LDAP_CANCELLED, "cancelled by the client", {}}, {});
+        call->stop();
+    } else {
+        result = {LDAP_CANNOT_CANCEL, call->operation().title + " cannot be cancelled", {}};
+    }
+    send_to_client(sandbox::message(message.id, extended_response(result)));
+    return true;
+}
+
+// The bind request as slapd gets it.
+//
+// slapd offers SASL EXTERNAL on its Unix socket and takes the gateway's own user for the client.
+// A request for it goes on as one for a mechanism that does not exist, so that slapd refuses it
+// and forgets the identity of an earlier bind, as after any failed bind. A bind request that
+// cannot be read in full ends the connection: slapd's reader is more lenient than ours, and what
+// it might understand must not pass unseen.
+std::string Connection::begin_bind(std::string_view bytes)
+{
+    const Message message = read_message(bytes);
+    ber::Reader request(message.operation.content);
+    request.integer();
+    request.octets();
+    std::string forwarded(bytes);
+    if (request.next_tag() == LDAP_AUTH_SASL) {
+        const std::string_view mechanism = request.enter(LDAP_AUTH_SASL).octets();
+        constexpr std::string_view external = "EXTERNAL";
+        const auto equal = [](char a, char b) {
+            return (a & ~0x20) == b;
+        };
+        if (std::equal(mechanism.begin(), mechanism.end(), external.begin(), external.end(), equal))
+            forwarded.replace(static_cast<std::size_t>(mechanism.data() - bytes.data()),
+                              mechanism.size(), "DISABLED");
+    } else {
+        request.octets(LDAP_AUTH_SIMPLE);
+    }
+    request.finish();
+    identity_.clear();
+    binding_ = true;
+    return forwarded;
+}
+
+void Connection::begin_abandon(const Message &message)
+{
+    // An AbandonRequest is a message id under a tag of its own.
+    const std::string number = ber::element(ber::integer_tag, message.operation.content);
+    const std::int32_t id = ber::Reader(number).integer();
+    exchanges_.erase(id);
+    const auto found = calls_.find(id);
+    if (found == calls_.end())
+        return;
+    const std::shared_ptr<Call> call = found->second;
+    calls_.erase(found);
+    call->stop();
+}
+
+// ---- From slapd to the client -----------------------------------------------------------------
+
+void Connection::take_responses()
+{
+    try {
+        while (is_open() && !client_->congested()) {
+            if (response_rest_ > 0) {
+                if (!pass_on(*slapd_, *client_, response_rest_))
+                    break;
+                client_->send(std::exchange(aside_, {}));
+                continue;
+            }
+            const auto head = read_head(slapd_->input(), SIZE_MAX);
+            if (!head || !take_response(*head))
+                break;
+        }
+    } catch (const ber::Malformed &) {
+        end({LDAP_UNAVAILABLE, "the directory behind the gateway sent nonsense", {}});
+    }
+    if (is_open() && !client_->congested())
+        slapd_->receive();
+    // A bind that has been answered, or room for answers, lets waiting requests go on.
+    take_requests();
+}
+
+// False when more of the message must be here first.
+bool Connection::take_response(const MessageHead &head)
+{
+    if (more_follow(head.operation)) {
+        const auto exchange = exchanges_.find(head.id);
+        if (exchange != exchanges_.end() && head.operation == LDAP_RES_SEARCH_ENTRY)
+            ++exchange->second.entries;
+        response_rest_ = head.size;
+        return true;
+    }
+    if (slapd_->input().size() < head.size)
+        return false;
+    const std::string bytes(slapd_->input().substr(0, head.size));
+    slapd_->consume(head.size);
+    const Message message = read_message(bytes);
+
+    if (head.id == identity_request_ && identity_request_ != 0) {
+        identity_answered(message);
+    } else if (head.operation == LDAP_RES_BIND) {
+        bind_answered(bytes);
+    } else {
+        finished(head.id, message);
+        send_to_client(bytes);
+    }
+    return true;
+}
+
+void Connection::bind_answered(std::string_view bytes)
+{
+    const Message message = read_message(bytes);
+    finished(message.id, message);
+    ber::Reader response(message.operation.content);
+    if (read_result(response).ok()) {
+        bind_response_ = bytes;
+        ask_identity();
+    } else {
+        binding_ = false;
+        send_to_client(bytes);
+    }
+}
+
+void Connection::ask_identity()
+{
+    identity_request_ = std::numeric_limits<std::int32_t>::max();
+    while (exchanges_.count(identity_request_) != 0)
+        --identity_request_;
+    slapd_->send(message(identity_request_, extended_request(LDAP_EXOP_WHO_AM_I)));
+}
+
+void Connection::identity_answered(const Message &message)
+{
+    ber::Reader response(message.operation.content);
+    const Result result = read_result(response);
+    identity_request_ = 0;
+    if (!result.ok() || response.next_tag() != LDAP_TAG_EXOP_RES_VALUE)
+        return end({LDAP_UNAVAILABLE, "slapd does not say who has bound", {}});
+    identity_ = identity_of(response.octets(LDAP_TAG_EXOP_RES_VALUE));
+    binding_ = false;
+    send_to_client(std::exchange(bind_response_, {}));
+}
+
+void Connection::finished(std::int32_t id, const Message &message)
+{
+    const auto exchange = exchanges_.find(id);
+    if (exchange == exchanges_.end())
+        return;
+    ber::Reader response(message.operation.content);
+    if (service_.log)
+        log(id, describe(exchange->second.operation, exchange->second.request),
+            read_result(response), exchange->second.begun, exchange->second.entries);
+    exchanges_.erase(exchange);
+}
+
+// ---- Our own messages -------------------------------------------------------------------------
+
+void Connection::send_to_client(std::string_view bytes)
+{
+    if (response_rest_ > 0)
+        aside_.append(bytes);
+    else
+        client_->send(bytes);
+}
+
+void Connection::answer(const Call &call, const Result &result,
+                        const std::optional<std::string> &value)
+{
+    if (calls_.erase(call.id()) == 0)
+        return;
+    send_to_client(
+        message(call.id(), extended_response(result, call.operation().response_name, value)));
+    log(call.id(), call.operation().title, result, call.begun());
+}
+
+void Connection::notify(const Call &call, std::string_view name, std::string_view value)
+{
+    if (calls_.count(call.id()) != 0)
+        send_to_client(message(call.id(), intermediate_response(name, value)));
+}
+
+void Connection::log(std::int32_t id, const std::string &what, const Result &result,
+                     Clock::time_point begun, std::size_t entries) const
+{
+    if (!service_.log)
+        return;
+    const auto taken = std::chrono::duration<double, std::milli>(Clock::now() - begun).count();
+    std::ostringstream line;
+    line.precision(1);
+    line << std::fixed << name_ << " op " << id << " " << what << ": " << result.code << " "
+         << ldap_err2string(result.code);
+    if (!result.diagnostic.empty())
+        line << " (" << result.diagnostic << ")";
+    if (entries > 0)
+        line << ", " << entries << (entries == 1 ? " entry" : " entries");
+    line << ", " << taken << " ms";
+    service_.log(line.str());
+}
+
+} // namespace sandbox

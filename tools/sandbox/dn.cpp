@@ -1,0 +1,71 @@
+#include "dn.h"
+
+#include <ldap.h>
+
+#include <memory>
+
+namespace sandbox {
+
+namespace {
+
+struct ParsedDn {
+    LDAPDN dn = nullptr;
+
+    explicit ParsedDn(const std::string &text)
+    {
+        if (text.find('\0') != std::string::npos ||
+            ldap_str2dn(text.c_str(), &dn, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS)
+            dn = nullptr;
+    }
+    ~ParsedDn()
+    {
+        ldap_dnfree(dn);
+    }
+    ParsedDn(const ParsedDn &) = delete;
+    ParsedDn &operator=(const ParsedDn &) = delete;
+};
+
+} // namespace
+
+std::optional<std::string> normalised_dn(const std::string &dn)
+{
+    const ParsedDn parsed(dn);
+    char *text = nullptr;
+    if (parsed.dn == nullptr ||
+        ldap_dn2str(parsed.dn, &text, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS)
+        return {};
+    const std::unique_ptr<char, void (*)(void *)> owner(text, ldap_memfree);
+    return std::string(text);
+}
+
+std::pair<std::string, std::string> first_rdn(const std::string &dn)
+{
+    const ParsedDn parsed(dn);
+    if (parsed.dn == nullptr || parsed.dn[0] == nullptr)
+        return {};
+    const LDAPAVA &first = *parsed.dn[0][0];
+    return {std::string(first.la_attr.bv_val, first.la_attr.bv_len),
+            std::string(first.la_value.bv_val, first.la_value.bv_len)};
+}
+
+std::string escaped(std::string_view value)
+{
+    constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (std::size_t i = 0; i < value.size(); ++i) {
+        const char c = value[i];
+        const bool edge = i == 0 || i + 1 == value.size();
+        if (std::string_view("\"+,;<>\\=").find(c) != std::string_view::npos ||
+            (edge && (c == ' ' || c == '#'))) {
+            text += '\\';
+            text += c;
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            text += {'\\', digits[c >> 4 & 0xf], digits[c & 0xf]};
+        } else {
+            text += c;
+        }
+    }
+    return text;
+}
+
+} // namespace sandbox

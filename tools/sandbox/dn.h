@@ -1,0 +1,21 @@
+// Distinguished names (RFC 4514), with libldap's parser. What two names have in common slapd
+// decides; these serve where slapd is not asked.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace sandbox {
+
+// The name in libldap's own spelling (no spaces, one way of escaping); nothing when it is none.
+std::optional<std::string> normalised_dn(const std::string &dn);
+
+// The type and value of the first RDN; of several, the first.
+std::pair<std::string, std::string> first_rdn(const std::string &dn);
+
+// A value as it stands in a name.
+std::string escaped(std::string_view value);
+
+} // namespace sandbox

@@ -1,0 +1,283 @@
+// greirige-sandbox: a private directory on loopback that speaks the extended operations of
+// ldapx.h, for trying, testing and demonstrating.
+//
+// A slapd of our own holds the tree on a Unix socket in a temporary directory. Clients reach it
+// through the gateway, which answers the extended operations itself. One thread, one event loop.
+
+#include "directory.h"
+#include "gateway.h"
+#include "ldif_check.h"
+#include "partitions.h"
+#include "process.h"
+#include "sample_tree.h"
+#include "slapd.h"
+
+#include "dn.h"
+
+#include <CLI/CLI.hpp>
+#include <asio.hpp>
+
+#include <fstream>
+#include <iostream>
+#include <optional>
+#include <strings.h>
+
+namespace sandbox {
+
+namespace {
+
+struct Options {
+    std::uint16_t port = 0;
+    std::vector<std::string> addresses = {"127.0.0.1"};
+    std::string ldif;
+    std::string base;
+    std::size_t entries = 1200;
+    std::string admin_dn;
+    std::string admin_password_file;
+    std::vector<std::string> schema_files;
+    std::string slapd = "slapd";
+    std::uint64_t max_message = 64 * 1024 * 1024;
+    std::uint32_t operation_delay = 0;
+    bool verbose = false;
+};
+
+constexpr int cannot_start = 1;
+constexpr int wrong_usage = 2;
+
+constexpr char about[] =
+    "A private LDAP directory on loopback that also speaks the extended operations of "
+    "libgreirige.\nIt keeps nothing: the tree ends with the process.";
+
+constexpr char examples[] = R"(Examples:
+  greirige-sandbox --port 3890
+      a sample tree of 1,200 entries on ldap://127.0.0.1:3890/
+  greirige-sandbox --port 0 --verbose
+      any free port, which the first line tells, and a line for each operation
+  greirige-sandbox --port 3890 --ldif company.ldif --schema company.schema
+      a tree of your own
+  greirige-sandbox --port 3890 --operation-delay 5000
+      splits and merges take five seconds and can be aborted
+
+The first line on standard output is "listening on ldap://ADDRESS:PORT/", written when the
+directory answers. Ctrl-C ends it.
+
+Exit status: 0 ended by a signal, 1 could not start or lost its slapd, 2 wrong usage.)";
+
+// True when dn is the base or lies below it.
+bool lies_within(const std::string &dn, const std::string &base)
+{
+    const std::string name = normalised_dn(dn).value_or("");
+    const std::string top = normalised_dn(base).value_or("");
+    return strcasecmp(name.c_str(), top.c_str()) == 0 ||
+           (name.size() > top.size() &&
+            strcasecmp(name.c_str() + name.size() - top.size() - 1, ("," + top).c_str()) == 0);
+}
+
+void add_options(CLI::App &app, Options &options)
+{
+    app.set_version_flag("--version", "greirige-sandbox " GREIRIGE_VERSION);
+    app.footer(examples);
+    app.add_option("--port", options.port, "Port to listen on; 0 takes a free one")
+        ->capture_default_str();
+    app.add_option("--address", options.addresses,
+                   "Loopback address to listen on, such as ::1; may be given several times")
+        ->capture_default_str();
+    app.add_option("--ldif", options.ldif, "Load this LDIF file instead of the sample tree");
+    app.add_option("--base", options.base,
+                   "Naming context [dc=example,dc=com, or the first entry of --ldif]");
+    app.add_option("--entries", options.entries, "Size of the sample tree")
+        ->check(CLI::Range(smallest_tree, std::size_t{10'000'000}))
+        ->capture_default_str();
+    app.add_option("--admin-dn", options.admin_dn, "Administrator's DN [cn=admin,BASE]");
+    app.add_option("--admin-password-file", options.admin_password_file,
+                   "Administrator's password, the first line of this file [secret]");
+    app.add_option("--schema", options.schema_files,
+                   "Load this schema file (slapd.conf's form) too; may be given several times");
+    app.add_option("--slapd", options.slapd, "The slapd to use")->capture_default_str();
+    app.add_option("--max-message", options.max_message, "Largest message taken, in bytes")
+        ->check(CLI::Range(std::uint64_t{1024}, std::uint64_t{1} << 31))
+        ->capture_default_str();
+    app.add_option("--operation-delay", options.operation_delay,
+                   "Milliseconds that splitting and merging partitions take")
+        ->capture_default_str();
+    app.add_flag("--verbose", options.verbose, "Write a line for each operation");
+}
+
+std::string first_line(const std::string &path)
+{
+    std::ifstream file(path);
+    std::string line;
+    if (!std::getline(file, line) || line.empty())
+        throw CannotStart("no password can be read from " + path);
+    return line;
+}
+
+// What was left out is filled in; CLI::ValidationError for what does not fit together.
+std::string complete(Options &options)
+{
+    if (options.base.empty())
+        options.base = options.ldif.empty() ? "dc=example,dc=com" : check_ldif(options.ldif);
+    else if (!normalised_dn(options.base))
+        throw CLI::ValidationError("--base", "not a distinguished name: " + options.base);
+    else if (!options.ldif.empty())
+        check_ldif(options.ldif);
+    if (options.admin_dn.empty())
+        options.admin_dn = "cn=admin," + options.base;
+    if (!lies_within(options.admin_dn, options.base))
+        throw CLI::ValidationError("--admin-dn",
+                                   options.admin_dn + " does not lie below " + options.base);
+    return options.admin_password_file.empty() ? "secret" : first_line(options.admin_password_file);
+}
+
+void listen(Gateway &gateway, const Options &options)
+{
+    for (const std::string &text : options.addresses) {
+        std::error_code error;
+        const asio::ip::address address = asio::ip::make_address(text, error);
+        if (error || !address.is_loopback())
+            throw CLI::ValidationError("--address", text + " is not a loopback address");
+        try {
+            gateway.bind(address, options.port);
+        } catch (const std::system_error &problem) {
+            std::string reason = problem.code().message();
+            reason.front() = static_cast<char>(std::tolower(reason.front()));
+            if (problem.code() == asio::error::address_in_use)
+                reason += " (is another server there? --port 0 takes any free port)";
+            if (problem.code() == asio::error::access_denied)
+                reason += " (ports below 1024 are the system's: choose a higher one)";
+            throw CannotStart("cannot listen on " + text + ":" + std::to_string(options.port) +
+                              ": " + reason);
+        }
+    }
+}
+
+std::string fill(Slapd &slapd, const TemporaryDirectory &directory, const Options &options)
+{
+    if (!options.ldif.empty()) {
+        slapd.load(options.ldif);
+        return options.ldif;
+    }
+    const std::string path = directory.path() / "sample.ldif";
+    std::ofstream file(path);
+    write_sample_tree(file, options.base, options.entries);
+    file.close();
+    if (!file)
+        throw CannotStart("cannot write " + path);
+    slapd.load(path);
+    std::filesystem::remove(path);
+    return "a sample tree of " + std::to_string(options.entries) + " entries";
+}
+
+std::size_t map_size(const Options &options)
+{
+    const std::size_t content =
+        options.ldif.empty() ? options.entries * 1024 : std::filesystem::file_size(options.ldif);
+    return (std::size_t{1} << 30) + 16 * content;
+}
+
+void announce(const Gateway &gateway, const Options &options, const std::string &password,
+              const std::string &content)
+{
+    for (const std::string &url : gateway.urls())
+        std::cout << "listening on " << url << "\n";
+    std::cout << "base:          " << options.base << " (" << content << ")\n"
+              << "administrator: " << options.admin_dn << "\n"
+              << "password:      "
+              << (options.admin_password_file.empty() ? password
+                                                      : "in " + options.admin_password_file)
+              << std::endl;
+}
+
+int run(Options options)
+{
+    const std::string password = complete(options);
+    const Signals signals;
+    asio::io_context loop;
+    const TemporaryDirectory temporary;
+
+    Directory directory(loop);
+    Partitions partitions(loop, directory, options.base,
+                          std::chrono::milliseconds(options.operation_delay));
+    Operations operations;
+    partitions.offer(operations);
+
+    const Service service{operations, options.max_message, [&options](const std::string &line) {
+                              if (options.verbose)
+                                  std::cout << line << std::endl;
+                          }};
+    Gateway gateway(loop, service, temporary.path() / "ldapi");
+    listen(gateway, options);
+
+    Slapd slapd({options.slapd, options.base, options.admin_dn, password, options.schema_files,
+                 operations.names(), options.max_message, map_size(options)},
+                temporary, signals);
+    const std::string content = fill(slapd, temporary, options);
+    slapd.start();
+
+    std::optional<std::string> failure;
+    const auto fail = [&](const std::string &reason) {
+        failure = reason;
+        loop.stop();
+    };
+    const auto lost = [&] {
+        fail("slapd has ended: " + slapd.last_words());
+    };
+    directory.connect(
+        slapd.socket(), options.admin_dn, password,
+        [&](const Result &bound) {
+            if (!bound.ok())
+                return fail("slapd refuses the administrator: " + bound.diagnostic);
+            partitions.mark_base([&](const Result &marked) {
+                if (!marked.ok())
+                    return fail("cannot make " + options.base +
+                                " the root of a partition: " + marked.diagnostic);
+                gateway.listen();
+                announce(gateway, options, password, content);
+            });
+        },
+        lost);
+
+    asio::posix::stream_descriptor wakeup(loop, dup(signals.descriptor()));
+    std::function<void(std::error_code)> signalled = [&](std::error_code) {
+        while (const int signal = signals.wait(0)) {
+            if (Signals::means_stop(signal))
+                return loop.stop();
+            if (slapd.has_ended())
+                return lost();
+        }
+        wakeup.async_wait(asio::posix::stream_descriptor::wait_read, signalled);
+    };
+    wakeup.async_wait(asio::posix::stream_descriptor::wait_read, signalled);
+    loop.run();
+
+    // Tell the clients, and give the words a moment to leave.
+    gateway.stop();
+    directory.close();
+    loop.restart();
+    loop.run_for(std::chrono::milliseconds(100));
+    if (failure)
+        throw CannotStart(*failure);
+    return 0;
+}
+
+} // namespace
+
+} // namespace sandbox
+
+int main(int argc, char **argv)
+{
+    sandbox::Options options;
+    CLI::App app{sandbox::about, "greirige-sandbox"};
+    sandbox::add_options(app, options);
+    try {
+        app.parse(argc, argv);
+        return sandbox::run(options);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : sandbox::wrong_usage;
+    } catch (const sandbox::Interrupted &) {
+        return 0;
+    } catch (const std::exception &error) {
+        std::cerr << "greirige-sandbox: " << error.what() << "\n";
+        return sandbox::cannot_start;
+    }
+}

@@ -1,0 +1,75 @@
+#include "operations.h"
+
+#include "connection.h"
+
+#include <utility>
+
+namespace sandbox {
+
+Call::Call(std::weak_ptr<Connection> client, std::int32_t id, const Operation &operation,
+           std::optional<std::string> value, std::string identity)
+    : client_(std::move(client)), id_(id), operation_(operation), value_(std::move(value)),
+      identity_(std::move(identity))
+{
+}
+
+ber::Reader Call::value() const
+{
+    if (!value_)
+        throw ber::Malformed("the request value is missing");
+    return ber::Reader(*value_);
+}
+
+void Call::expect_no_value() const
+{
+    if (value_)
+        throw ber::Malformed("a request value where none is expected");
+}
+
+void Call::answer(const Result &result, const std::optional<std::string> &value)
+{
+    stop_ = {};
+    if (const auto client = client_.lock())
+        client->answer(*this, result, value);
+}
+
+void Call::notify(std::string_view name, std::string_view value)
+{
+    if (const auto client = client_.lock())
+        client->notify(*this, name, value);
+}
+
+void Call::stop()
+{
+    client_.reset();
+    if (const auto stop = std::exchange(stop_, {}))
+        stop();
+}
+
+void Operations::add(Operation operation)
+{
+    const std::string name = operation.request_name;
+    table_.emplace(name, std::move(operation));
+}
+
+const Operation *Operations::find(const std::string &request_name) const
+{
+    const auto found = table_.find(request_name);
+    return found == table_.end() ? nullptr : &found->second;
+}
+
+std::vector<std::string> Operations::names() const
+{
+    std::vector<std::string> names;
+    for (const auto &[name, operation] : table_)
+        names.push_back(name);
+    return names;
+}
+
+bool Operations::is_ours(std::string_view request_name)
+{
+    constexpr std::string_view arc = "2.16.840.1.424242.";
+    return request_name.substr(0, arc.size()) == arc;
+}
+
+} // namespace sandbox
