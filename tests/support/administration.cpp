@@ -1,3 +1,4 @@
+#define LDAP_DEPRECATED 1 // ldap_value_free
 #include "support/administration.h"
 
 #include <algorithm>
@@ -72,7 +73,7 @@ void Outputs::release()
     if (text != unwritten_text)
         ldapx_memfree(text);
     if (list != unwritten_list)
-        ber_memvfree(reinterpret_cast<void **>(list));
+        ldap_value_free(list);
     text = unwritten_text;
     list = unwritten_list;
 }
