@@ -255,7 +255,7 @@ TEST(Replica, the_list_holds_every_name_in_the_server_s_order)
 {
     std::string names;
     std::string seen;
-    for (int index = 0; index < 1000; ++index) {
+    for (std::size_t index = 0; index < 1000; ++index) {
         const std::string name = "o=" + std::to_string(index) + std::string(index % 300, 'n');
         names += octets(name);
         seen += (index == 0 ? "" : ", ") + name;
