@@ -235,7 +235,7 @@ TEST(PartitionRequest, flags_are_sent_as_the_shortest_integer_of_their_value)
 
 TEST(PartitionRequest, names_of_every_length_are_sent_whole)
 {
-    for (std::size_t length : {0, 1, 127, 128, 255, 256, 65535, 65536, 1 << 20}) {
+    for (std::size_t length : {0u, 1u, 127u, 128u, 255u, 256u, 65535u, 65536u, 1u << 20}) {
         std::string name(length, 'n'), expected = octets(name);
         auto request_value = [&](int number, auto call) {
             Peer peer;
