@@ -123,6 +123,13 @@ void store_result(LDAP *ld, int code) noexcept
     ldap_set_option(ld, LDAP_OPT_RESULT_CODE, &code);
 }
 
+int stored_result(LDAP *ld) noexcept
+{
+    int code = LDAP_SUCCESS;
+    ldap_get_option(ld, LDAP_OPT_RESULT_CODE, &code);
+    return code;
+}
+
 char *duplicate(const char *bytes, ber_len_t length) noexcept
 {
     auto *copy = static_cast<char *>(std::malloc(length + 1));

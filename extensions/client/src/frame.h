@@ -103,6 +103,7 @@ int end_and_store(CallFrame &call, LDAP *ld) noexcept;
 
 // The session's result code, the LDAP library's LDAP_OPT_RESULT_CODE.
 void store_result(LDAP *ld, int code) noexcept;
+int stored_result(LDAP *ld) noexcept;
 
 // A new NUL-terminated copy of length bytes, NULL when there is no memory for it.
 char *duplicate(const char *bytes, ber_len_t length) noexcept;
