@@ -1,0 +1,108 @@
+// Every kind of event as one list of fields in wire order, and what follows from such a list: the
+// bytes of an event, a record as text, and a decoder that is written on liblber alone and knows
+// nothing of the library's. Tests go through all kinds with it:
+//
+//     for (const EventKind &kind : event_kinds()) {
+//         Sample sample = full_event(kind);
+//         ... decode sample.bytes with the library ...
+//         EXPECT_EQ(describe(kind, record), sample.text);
+//     }
+//
+// A record as text is one line for each field, "bindDN: 'cn=x'" or "flags: 7".
+#pragma once
+
+#include <cstddef>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ldap_events.h"
+
+namespace support {
+
+// What stands in the place of a field, and how much the decoder insists on it.
+enum class Form {
+    signed_number,
+    unsigned_number,
+    time_stamp,
+    string,          // asserted
+    tagged_string,   // asserted, tag 0x85
+    mechanism,       // a string whose failure is ignored
+    new_dn,          // takes the place of any element
+    value,           // optional; size beside it
+    verb,            // optional
+    integers,        // 0x86, at most four
+    texts,           // 0xa7, at most three
+    referrals,       // optional; count beside it
+    name,            // 1 to 31 bytes, in the record
+    description,     // 0 to 127 bytes, in the record
+    server_address,  // asserted; size beside it
+    config_value,    // by the type beside it
+    parameters,      // by the count beside it
+    connection,      // optional
+    strings,         // whatever comes
+    control_strings, // only 0x80
+    referral_strings // only 0x81
+};
+
+struct Field {
+    std::string name;
+    Form form = Form::signed_number;
+    std::size_t offset = 0;
+    std::size_t beside = 0; // offset of the number that goes with it
+};
+
+using Decoder = int (*)(LDAP *ld, BerElement *responseBer, void **eventData, void **pIP);
+
+struct EventKind {
+    ber_tag_t tag = 0;
+    std::string name; // of the record
+    Decoder decoder = nullptr;
+    std::vector<Field> fields;
+};
+
+// All kinds that have a record but EVT_NetAddress, by tag.
+const std::vector<EventKind> &event_kinds();
+const EventKind &event_kind(ber_tag_t tag);
+
+using Text = std::vector<std::string>;
+
+struct Sample {
+    std::string bytes; // of the fields, without the tag around them
+    Text text;         // what the record must say
+};
+
+Sample full_event(const EventKind &kind);
+// Every optional part is missing and every string empty.
+Sample least_event(const EventKind &kind);
+// Other lengths, other numbers, parts present or not.
+Sample any_event(const EventKind &kind, std::mt19937 &random);
+
+// INTEGER 1, OCTET STRING "10.0.0.1", and its text.
+std::string trailer_bytes();
+std::string trailer_text();
+
+Text describe(const EventKind &kind, const void *record);
+std::string describe_address(const void *record); // "none" for NULL
+
+// What becomes of these bytes, fields and perhaps a trailer, with a decoder of this kind.
+struct Verdict {
+    int code = 0;
+    std::string assertion{}; // its text, where the process stops instead
+    Text text{};             // the record; of a failure, nothing
+    std::string trailer = "none";
+    std::size_t unread = 0; // after success
+
+    bool operator==(const Verdict &) const = default;
+};
+std::ostream &operator<<(std::ostream &out, const Verdict &verdict);
+
+// By the rules; asserting: with assertions in the build.
+Verdict expected_verdict(const EventKind &kind, std::string_view bytes, bool asserting);
+
+// The whole value of an event message: SEQUENCE { type, result, tag { fields }, trailer }.
+std::string notification(int type, int result, ber_tag_t tag, std::string_view fields,
+                         std::string_view trailer = {});
+
+} // namespace support
