@@ -66,6 +66,11 @@ int Sandbox::port() const
     return std::stoi(url_.substr(url_.rfind(':') + 1));
 }
 
+std::string Sandbox::somebody() const
+{
+    return search(anonymous(), base(), "(employeeNumber=10020)").at(0);
+}
+
 std::string Sandbox::slapd_url() const
 {
     std::string escaped;

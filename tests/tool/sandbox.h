@@ -53,6 +53,8 @@ public:
     {
         return "cn=admin," + base();
     }
+    // A person with no rights beyond everybody's.
+    std::string somebody() const;
     // Where its slapd listens, for whoever wants to reach it without the gateway.
     std::string slapd_url() const;
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <sstream>
+#include <strings.h>
 #include <utility>
 
 namespace sandbox {
@@ -29,54 +30,6 @@ bool pass_on(Link &from, Link &to, std::size_t &rest)
     from.consume(size);
     rest -= size;
     return rest == 0;
-}
-
-std::string operation_name(ber::Tag request)
-{
-    switch (request) {
-    case LDAP_REQ_BIND:
-        return "bind";
-    case LDAP_REQ_SEARCH:
-        return "search";
-    case LDAP_REQ_MODIFY:
-        return "modify";
-    case LDAP_REQ_ADD:
-        return "add";
-    case LDAP_REQ_DELETE:
-        return "delete";
-    case LDAP_REQ_MODDN:
-        return "rename";
-    case LDAP_REQ_COMPARE:
-        return "compare";
-    default:
-        return "extended";
-    }
-}
-
-// A request for people: its operation, and the name that it is about. Only the first bytes of
-// the request need to be there.
-std::string describe(ber::Tag operation, std::string_view request)
-{
-    std::string text = operation_name(operation);
-    try {
-        ber::Header header;
-        ber::read_header(request, header);
-        ber::Reader envelope(request.substr(header.header_size));
-        envelope.integer();
-        ber::read_header(envelope.rest(), header);
-        ber::Reader body(envelope.rest().substr(header.header_size));
-        if (operation == LDAP_REQ_BIND)
-            body.integer();
-        if (operation == LDAP_REQ_DELETE)
-            text.append(" \"").append(envelope.octets(operation)).append("\"");
-        else if (operation == LDAP_REQ_EXTENDED)
-            text.append(" ").append(body.octets(LDAP_TAG_EXOP_REQ_OID));
-        else
-            text.append(" \"").append(body.octets()).append("\"");
-    } catch (const ber::Malformed &) {
-        text += " (unreadable)";
-    }
-    return text;
 }
 
 bool has_critical_control(std::string_view controls)
@@ -175,6 +128,8 @@ bool Connection::take_request(const MessageHead &head)
         needs_whole(head.operation) ? head.size : std::min(head.size, kept_of_request);
     if (client_->input().size() < examined)
         return false;
+    if (head.id == 0)
+        throw ber::Malformed("message id 0");
     const std::string_view bytes = client_->input().substr(0, examined);
 
     if (head.operation == LDAP_REQ_EXTENDED && take_extended(read_message(bytes))) {
@@ -185,7 +140,7 @@ bool Connection::take_request(const MessageHead &head)
         if (exchanges_.size() >= most_exchanges)
             throw ber::Malformed("more than " + std::to_string(most_exchanges) +
                                  " requests without an answer");
-        exchanges_[head.id] = {head.operation, std::string(bytes.substr(0, kept_of_request))};
+        exchanges_[head.id] = {std::string(bytes.substr(0, kept_of_request))};
     }
     if (head.operation == LDAP_REQ_BIND) {
         slapd_->send(begin_bind(bytes));
@@ -231,7 +186,7 @@ void Connection::perform(const Message &message, const std::string &name,
         log(message.id, "extended " + name, refusal, Clock::now());
         return;
     }
-    if (calls_.count(message.id) != 0)
+    if (calls_.count(message.id) + exchanges_.count(message.id) != 0)
         throw ber::Malformed("message id " + std::to_string(message.id) + " is in use");
     const auto call = std::make_shared<Call>(weak_from_this(), message.id, *operation,
                                              std::move(value), identity_);
@@ -246,10 +201,12 @@ void Connection::perform(const Message &message, const std::string &name,
 // Cancel (RFC 3909) of one of our own operations; true when it is one.
 bool Connection::cancel(const Message &message, const std::optional<std::string> &value)
 {
-    if (!value)
-        return false;
-    ber::Reader reader(*value);
-    const auto found = calls_.find(reader.enter(ber::sequence_tag).integer());
+    // What is none of ours, and what cannot be read, slapd answers.
+    auto found = calls_.end();
+    try {
+        found = calls_.find(ber::Reader(value.value_or("")).enter(ber::sequence_tag).integer());
+    } catch (const ber::Malformed &) {
+    }
     if (found == calls_.end())
         return false;
     const std::shared_ptr<Call> call = found->second;
@@ -279,16 +236,15 @@ std::string Connection::begin_bind(std::string_view bytes)
     request.octets();
     std::string forwarded(bytes);
     if (request.next_tag() == LDAP_AUTH_SASL) {
+        // Whatever begins so: slapd stops reading at a zero byte, and ignores a "-PLUS".
         const std::string_view mechanism = request.enter(LDAP_AUTH_SASL).octets();
         constexpr std::string_view external = "EXTERNAL";
-        const auto equal = [](char a, char b) {
-            return (a & ~0x20) == b;
-        };
-        if (std::equal(mechanism.begin(), mechanism.end(), external.begin(), external.end(), equal))
+        if (mechanism.size() >= external.size() &&
+            strncasecmp(mechanism.data(), external.data(), external.size()) == 0)
             forwarded.replace(static_cast<std::size_t>(mechanism.data() - bytes.data()),
-                              mechanism.size(), "DISABLED");
+                              external.size(), "DISABLED");
     } else {
-        request.octets(LDAP_AUTH_SIMPLE);
+        request.element();
     }
     request.finish();
     identity_.clear();
@@ -403,8 +359,8 @@ void Connection::finished(std::int32_t id, const Message &message)
         return;
     ber::Reader response(message.operation.content);
     if (service_.log)
-        log(id, describe(exchange->second.operation, exchange->second.request),
-            read_result(response), exchange->second.begun, exchange->second.entries);
+        log(id, describe_request(exchange->second.request), read_result(response),
+            exchange->second.begun, exchange->second.entries);
     exchanges_.erase(exchange);
 }
 

@@ -42,7 +42,6 @@ private:
 
     // A request that slapd has not answered yet.
     struct Exchange {
-        ber::Tag operation = 0;
         std::string request; // its first bytes
         std::size_t entries = 0;
         Clock::time_point begun = Clock::now();

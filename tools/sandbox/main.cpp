@@ -201,10 +201,11 @@ int run(Options options)
     Operations operations;
     partitions.offer(operations);
 
-    const Service service{operations, options.max_message, [&options](const std::string &line) {
-                              if (options.verbose)
-                                  std::cout << line << std::endl;
-                          }};
+    Service service{operations, options.max_message, {}};
+    if (options.verbose)
+        service.log = [](const std::string &line) {
+            std::cout << line << std::endl;
+        };
     Gateway gateway(loop, service, temporary.path() / "ldapi");
     listen(gateway, options);
 

@@ -2,6 +2,33 @@
 
 namespace sandbox {
 
+namespace {
+
+// What stands inside the element that bytes begin with, as far as it is here.
+ber::Reader inside(std::string_view bytes)
+{
+    ber::Header header;
+    if (!ber::read_header(bytes, header))
+        throw ber::Malformed("an element is cut short");
+    return ber::Reader(bytes.substr(header.header_size));
+}
+
+std::string in_quotes(std::string_view name)
+{
+    return " \"" + std::string(name) + "\"";
+}
+
+std::string describe_bind(ber::Reader request)
+{
+    request.integer();
+    const std::string name = in_quotes(request.octets());
+    if (request.next_tag() != LDAP_AUTH_SASL)
+        return "bind" + name;
+    return "bind SASL " + request.enter(LDAP_AUTH_SASL).text();
+}
+
+} // namespace
+
 std::optional<MessageHead> read_head(std::string_view bytes, std::size_t limit)
 {
     ber::Header envelope;
@@ -117,6 +144,36 @@ bool more_follow(ber::Tag response)
 {
     return response == LDAP_RES_SEARCH_ENTRY || response == LDAP_RES_SEARCH_REFERENCE ||
            response == LDAP_RES_INTERMEDIATE;
+}
+
+std::string describe_request(std::string_view first_bytes)
+{
+    try {
+        ber::Reader envelope = inside(first_bytes);
+        envelope.integer();
+        const ber::Tag operation = envelope.next_tag();
+        ber::Reader request = inside(envelope.rest());
+        switch (operation) {
+        case LDAP_REQ_BIND:
+            return describe_bind(request);
+        case LDAP_REQ_SEARCH:
+            return "search" + in_quotes(request.octets());
+        case LDAP_REQ_MODIFY:
+            return "modify" + in_quotes(request.octets());
+        case LDAP_REQ_ADD:
+            return "add" + in_quotes(request.octets());
+        case LDAP_REQ_DELETE:
+            return "delete" + in_quotes(envelope.octets(operation));
+        case LDAP_REQ_MODDN:
+            return "rename" + in_quotes(request.octets());
+        case LDAP_REQ_COMPARE:
+            return "compare" + in_quotes(request.octets());
+        default:
+            return "extended " + request.text(LDAP_TAG_EXOP_REQ_OID);
+        }
+    } catch (const ber::Malformed &) {
+        return "unreadable request";
+    }
 }
 
 } // namespace sandbox

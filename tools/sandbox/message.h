@@ -63,4 +63,8 @@ std::optional<ber::Tag> response_to(ber::Tag request);
 // True for entries, references and intermediate responses, which more responses follow.
 bool more_follow(ber::Tag response);
 
+// A request in a few words for people: its operation and the name that it is about. The first bytes
+// of the message suffice.
+std::string describe_request(std::string_view first_bytes);
+
 } // namespace sandbox
