@@ -369,28 +369,28 @@ private:
 inline Result<void> Session::split_partition(std::string_view dn, int flags) const
 {
     detail::Call call(ld_, "split_partition");
-    detail::Text root = call.text("dn", dn);
+    detail::CString root = call.text("dn", dn);
     return call.run([&] { return ldap_split_partition(ld_, root, flags); });
 }
 
 inline Result<void> Session::merge_partitions(std::string_view dn, int flags) const
 {
     detail::Call call(ld_, "merge_partitions");
-    detail::Text root = call.text("dn", dn);
+    detail::CString root = call.text("dn", dn);
     return call.run([&] { return ldap_merge_partitions(ld_, root, flags); });
 }
 
 inline Result<void> Session::abort_partition_operation(std::string_view dn, int flags) const
 {
     detail::Call call(ld_, "abort_partition_operation");
-    detail::Text root = call.text("dn", dn);
+    detail::CString root = call.text("dn", dn);
     return call.run([&] { return ldap_abort_partition_operation(ld_, root, flags); });
 }
 
 inline Result<std::uint32_t> Session::partition_entry_count(std::string_view dn) const
 {
     detail::Call call(ld_, "partition_entry_count");
-    detail::Text root = call.text("dn", dn);
+    detail::CString root = call.text("dn", dn);
     unsigned long count = 0;
     return call.run([&] { return ldap_partition_entry_count(ld_, root, &count); }).transform([&] {
         // The answer's 32 bits are in the variable's first four bytes, whatever the byte order.
@@ -403,16 +403,16 @@ inline Result<std::uint32_t> Session::partition_entry_count(std::string_view dn)
 inline Result<void> Session::split_orphan_partition(std::string_view name, Server server) const
 {
     detail::Call call(ld_, "split_orphan_partition");
-    detail::Text context = call.text("name", name);
-    detail::Text holder = call.text("server", server.dn);
+    detail::CString context = call.text("name", name);
+    detail::CString holder = call.text("server", server.dn);
     return call.run([&] { return ldap_split_orphan_partition(ld_, holder, context); });
 }
 
 inline Result<void> Session::remove_orphan_partition(std::string_view name, Server server) const
 {
     detail::Call call(ld_, "remove_orphan_partition");
-    detail::Text context = call.text("name", name);
-    detail::Text holder = call.text("server", server.dn);
+    detail::CString context = call.text("name", name);
+    detail::CString holder = call.text("server", server.dn);
     return call.run([&] { return ldap_remove_orphan_partition(ld_, holder, context); });
 }
 
@@ -420,8 +420,8 @@ inline Result<void> Session::add_replica(std::string_view dn, Server server, Rep
                                          int flags) const
 {
     detail::Call call(ld_, "add_replica");
-    detail::Text root = call.text("dn", dn);
-    detail::Text holder = call.text("server", server.dn);
+    detail::CString root = call.text("dn", dn);
+    detail::CString holder = call.text("server", server.dn);
     return call.run([&] {
         return ldap_add_replica(ld_, root, holder, static_cast<LDAP_REPLICA_TYPE>(type), flags);
     });
@@ -430,8 +430,8 @@ inline Result<void> Session::add_replica(std::string_view dn, Server server, Rep
 inline Result<void> Session::remove_replica(std::string_view dn, Server server, int flags) const
 {
     detail::Call call(ld_, "remove_replica");
-    detail::Text root = call.text("dn", dn);
-    detail::Text holder = call.text("server", server.dn);
+    detail::CString root = call.text("dn", dn);
+    detail::CString holder = call.text("server", server.dn);
     return call.run([&] { return ldap_remove_replica(ld_, root, holder, flags); });
 }
 
@@ -439,8 +439,8 @@ inline Result<void> Session::change_replica_type(std::string_view dn, Server ser
                                                  ReplicaType type, int flags) const
 {
     detail::Call call(ld_, "change_replica_type");
-    detail::Text root = call.text("dn", dn);
-    detail::Text holder = call.text("server", server.dn);
+    detail::CString root = call.text("dn", dn);
+    detail::CString holder = call.text("server", server.dn);
     return call.run([&] {
         return ldap_change_replica_type(ld_, root, holder, static_cast<LDAP_REPLICA_TYPE>(type),
                                         flags);
@@ -450,8 +450,8 @@ inline Result<void> Session::change_replica_type(std::string_view dn, Server ser
 inline Result<ReplicaInfo> Session::replica_info(std::string_view dn, Server server) const
 {
     detail::Call call(ld_, "replica_info");
-    detail::Text root = call.text("dn", dn);
-    detail::Text holder = call.text("server", server.dn);
+    detail::CString root = call.text("dn", dn);
+    detail::CString holder = call.text("server", server.dn);
     LDAPReplicaInfo info{};
     char *whole = nullptr;
     Result<void> done =
@@ -472,7 +472,7 @@ inline Result<ReplicaInfo> Session::replica_info(std::string_view dn, Server ser
 inline Result<std::vector<std::string>> Session::list_replicas(Server server) const
 {
     detail::Call call(ld_, "list_replicas");
-    detail::Text holder = call.text("server", server.dn);
+    detail::CString holder = call.text("server", server.dn);
     char **names = nullptr;
     Result<void> done = call.run([&] { return ldap_list_replicas(ld_, holder, &names); });
     const detail::List list(names);
@@ -488,9 +488,9 @@ inline Result<void> Session::receive_all_updates(std::string_view dn, Server rec
                                                  std::optional<Origin> origin) const
 {
     detail::Call call(ld_, "receive_all_updates");
-    detail::Text root = call.text("dn", dn);
-    detail::Text to = call.text("receiver", receiver.dn);
-    detail::Text from = call.text("origin", origin ? origin->dn : "");
+    detail::CString root = call.text("dn", dn);
+    detail::CString to = call.text("receiver", receiver.dn);
+    detail::CString from = call.text("origin", origin ? origin->dn : "");
     return call.run([&] {
         return ldap_receive_all_updates(ld_, root, to,
                                         origin ? static_cast<char *>(from) : nullptr);
@@ -501,8 +501,8 @@ inline Result<void> Session::send_all_updates(std::string_view dn,
                                               std::optional<Origin> origin) const
 {
     detail::Call call(ld_, "send_all_updates");
-    detail::Text root = call.text("dn", dn);
-    detail::Text from = call.text("origin", origin ? origin->dn : "");
+    detail::CString root = call.text("dn", dn);
+    detail::CString from = call.text("origin", origin ? origin->dn : "");
     return call.run([&] {
         return ldap_send_all_updates(ld_, root, origin ? static_cast<char *>(from) : nullptr);
     });
@@ -512,15 +512,15 @@ inline Result<void> Session::request_partition_sync(std::string_view dn, Server 
                                                     int delay) const
 {
     detail::Call call(ld_, "request_partition_sync");
-    detail::Text root = call.text("dn", dn);
-    detail::Text holder = call.text("server", server.dn);
+    detail::CString root = call.text("dn", dn);
+    detail::CString holder = call.text("server", server.dn);
     return call.run([&] { return ldap_request_partition_sync(ld_, holder, root, delay); });
 }
 
 inline Result<void> Session::request_schema_sync(std::string_view dn, int delay) const
 {
     detail::Call call(ld_, "request_schema_sync");
-    detail::Text root = call.text("dn", dn);
+    detail::CString root = call.text("dn", dn);
     return call.run([&] { return ldap_request_schema_sync(ld_, root, delay); });
 }
 
@@ -534,8 +534,8 @@ inline Result<void> Session::set_replication_filter(Server server,
 inline Result<void> Session::set_replication_filter(Server server, std::string_view text) const
 {
     detail::Call call(ld_, "set_replication_filter");
-    detail::Text holder = call.text("server", server.dn);
-    detail::Text filter = call.text("filter", text);
+    detail::CString holder = call.text("server", server.dn);
+    detail::CString filter = call.text("filter", text);
     if (const auto classes = parse_filter(text); !classes)
         call.refuse("filter", classes.error().text);
     return call.run([&] { return ldap_set_replication_filter(ld_, holder, filter); });
@@ -550,7 +550,7 @@ inline Result<std::vector<FilterClass>> Session::replication_filter(Server serve
 inline Result<std::string> Session::replication_filter_text(Server server) const
 {
     detail::Call call(ld_, "replication_filter");
-    detail::Text holder = call.text("server", server.dn);
+    detail::CString holder = call.text("server", server.dn);
     char *filter = nullptr;
     Result<void> done = call.run([&] { return ldap_get_replication_filter(ld_, holder, &filter); });
     const detail::Block text(filter);
@@ -593,9 +593,9 @@ inline Result<int> Session::effective_privileges(std::string_view dn, Subject su
                                                  std::string_view attribute) const
 {
     detail::Call call(ld_, "effective_privileges");
-    detail::Text target = call.text("dn", dn);
-    detail::Text trustee = call.text("subject", subject.dn);
-    detail::Text name = call.text("attribute", attribute);
+    detail::CString target = call.text("dn", dn);
+    detail::CString trustee = call.text("subject", subject.dn);
+    detail::CString name = call.text("attribute", attribute);
     int privileges = 0;
     return call
         .run([&] { return ldap_get_effective_privileges(ld_, target, trustee, name, &privileges); })
@@ -607,9 +607,9 @@ Session::effective_privileges_list(std::string_view dn, Subject subject,
                                    const StringList &attributes) const
 {
     detail::Call call(ld_, "effective_privileges_list");
-    detail::Text target = call.text("dn", dn);
-    detail::Text trustee = call.text("subject", subject.dn);
-    detail::TextList names = call.texts("attributes", attributes);
+    detail::CString target = call.text("dn", dn);
+    detail::CString trustee = call.text("subject", subject.dn);
+    detail::CStrings names = call.texts("attributes", attributes);
     std::vector<int> privileges(attributes.size() + 1); // never an empty array
     int count = 0;
     return call
@@ -644,7 +644,7 @@ inline Result<std::string> Session::dn_from_native(std::u16string_view name) con
 inline Result<std::string> Session::dn_from_dns(std::string_view name) const
 {
     detail::Call call(ld_, "dn_from_dns");
-    detail::Text dns = call.text("name", name);
+    detail::CString dns = call.text("name", name);
     char *ldapName = nullptr;
     Result<void> done = call.run([&] { return ldap_dns_to_x500_dn(ld_, dns, &ldapName); });
     const detail::Block dn(ldapName);
