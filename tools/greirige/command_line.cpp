@@ -1,7 +1,8 @@
 #include "command_line.h"
 
 #include <algorithm>
-#include <numeric>
+#include <cerrno>
+#include <cstring>
 #include <optional>
 
 #include "ldapx.h"
@@ -78,17 +79,25 @@ std::string help_of(const CLI::App &app)
     return "greirige " + (path.empty() ? "" : path + ' ') + "--help";
 }
 
-void print_versions(std::FILE *stream)
+std::string versions()
 {
     LDAPAPIInfo info = {};
     info.ldapai_info_version = LDAP_API_INFO_VERSION;
     ldap_get_option(nullptr, LDAP_OPT_API_INFO, &info);
-    std::fprintf(stream, "greirige %s\nlibgreirige %s\n%s libldap %d.%d.%d\n",
-                 GREIRIGE_TOOL_VERSION, ldapx_version(), info.ldapai_vendor_name,
-                 info.ldapai_vendor_version / 10000, info.ldapai_vendor_version / 100 % 100,
-                 info.ldapai_vendor_version % 100);
+    const int number = info.ldapai_vendor_version;
+    std::string text = std::string("greirige ") + GREIRIGE_TOOL_VERSION + "\nlibgreirige " +
+                       ldapx_version() + '\n' + info.ldapai_vendor_name + " libldap " +
+                       std::to_string(number / 10000) + '.' + std::to_string(number / 100 % 100) +
+                       '.' + std::to_string(number % 100) + '\n';
     ldap_memfree(info.ldapai_vendor_name);
     ber_memvfree(reinterpret_cast<void **>(info.ldapai_extensions));
+    return text;
+}
+
+void print(std::FILE *stream, const std::string &text)
+{
+    if (std::fwrite(text.data(), 1, text.size(), stream) != text.size() || std::fflush(stream) != 0)
+        throw Failure(ExitStatus::failed, std::string("cannot write: ") + std::strerror(errno));
 }
 
 // The text of a validation failure, empty when the DN is well-formed (RFC 4514).
@@ -161,9 +170,44 @@ int CommandLine::run(int argc, char **argv)
     } catch (const Interrupted &) {
         complain("interrupted: the server may still do what it was asked to");
         end_by_signal();
-    } catch (const std::bad_alloc &) {
-        complain("out of memory");
+    } catch (const std::exception &error) { // no memory, most likely
+        complain(error.what());
         return static_cast<int>(ExitStatus::failed);
+    }
+}
+
+// The parser would take "[a,b]" apart as a list of its own notation. A mark before such a word
+// keeps it whole; every option that takes a value removes the mark again.
+std::vector<std::string> CommandLine::protected_words(int argc, char **argv)
+{
+    constexpr char mark = '\1';
+    std::vector<std::string> reversed; // as the parser wants them
+    for (int at = argc - 1; at > 0; --at)
+        reversed.emplace_back(argv[at][0] == '[' ? mark + std::string(argv[at]) : argv[at]);
+    const CLI::Validator unmark(
+        [](std::string &word) {
+            if (word.starts_with(mark))
+                word.erase(0, 1);
+            return std::string();
+        },
+        "");
+    for_every_command([&](CLI::App &app) {
+        for (CLI::Option *option : app.get_options())
+            if (option->get_items_expected_min() > 0)
+                option->transform(unmark);
+    });
+    return reversed;
+}
+
+void CommandLine::for_every_command(const std::function<void(CLI::App &)> &visit)
+{
+    std::vector<CLI::App *> apps{&app_};
+    while (!apps.empty()) {
+        CLI::App *app = apps.back();
+        apps.pop_back();
+        visit(*app);
+        for (CLI::App *command : app->get_subcommands([](CLI::App *) { return true; }))
+            apps.push_back(command);
     }
 }
 
@@ -175,9 +219,9 @@ ExitStatus CommandLine::parse_and_run(int argc, char **argv)
             password))
         options_.connection.password = std::move(password);
     try {
-        app_.parse(argc, argv);
+        app_.parse(protected_words(argc, argv));
     } catch (const CLI::CallForHelp &) {
-        output_help();
+        print(stdout, app_.help());
         return ExitStatus::done;
     } catch (const CLI::ParseError &error) {
         throw UsageError(explain(error));
@@ -186,7 +230,7 @@ ExitStatus CommandLine::parse_and_run(int argc, char **argv)
     const auto action = actions_.find(&chosen());
     const bool runs_command = action != actions_.end() && options_.version < 2;
     if (options_.version > 0)
-        print_versions(runs_command ? stderr : stdout);
+        print(runs_command ? stderr : stdout, versions());
     if (!runs_command) {
         if (options_.version > 0)
             return ExitStatus::done;
@@ -197,27 +241,16 @@ ExitStatus CommandLine::parse_and_run(int argc, char **argv)
     return action->second(tool);
 }
 
-void CommandLine::output_help() const
+bool CommandLine::takes_value(const std::string &option)
 {
-    const std::string text = app_.help();
-    std::fwrite(text.data(), 1, text.size(), stdout);
-}
-
-bool CommandLine::takes_value(const std::string &option) const
-{
-    // The letters of different commands may mean different things, but none of them takes a value
-    // in one command and none in another.
-    std::vector<const CLI::App *> apps{&app_};
-    while (!apps.empty()) {
-        const CLI::App *app = apps.back();
-        apps.pop_back();
-        for (const CLI::Option *known : app->get_options())
-            if (known->check_name(option))
-                return known->get_items_expected_min() > 0;
-        for (const CLI::App *command : app->get_subcommands([](const CLI::App *) { return true; }))
-            apps.push_back(command);
-    }
-    return false;
+    // An option may mean different things to different commands, but it takes a value in all of
+    // them or in none.
+    bool takes = false;
+    for_every_command([&](const CLI::App &app) {
+        for (const CLI::Option *known : app.get_options())
+            takes = takes || (known->check_name(option) && known->get_items_expected_min() > 0);
+    });
+    return takes;
 }
 
 // The innermost command that the command line names.
@@ -281,6 +314,25 @@ CLI::Option *add_dns(CLI::App &command, const std::string &name, std::vector<std
         ->required()
         ->type_name("")
         ->check(CLI::Validator(fault_of_dn, ""));
+}
+
+CLI::Option *add_name(CLI::App &command, const std::string &name, std::string &value,
+                      const std::vector<std::string> &known, const std::string &description)
+{
+    const auto fault = [known](const std::string &text) -> std::string {
+        if (std::find(known.begin(), known.end(), text) != known.end())
+            return {};
+        std::string all;
+        for (const std::string &one : known)
+            all += (all.empty() ? "" : ", ") + one;
+        const auto meant = nearest(text, known);
+        return in_quotes(text) + " is not one of " + all +
+               (meant ? "; did you mean " + *meant + '?' : "");
+    };
+    return command.add_option(name, value, description)
+        ->required()
+        ->type_name("")
+        ->check(CLI::Validator(fault, ""));
 }
 
 void add_flags(CLI::App &command, int &flags)

@@ -44,8 +44,9 @@ public:
 
 private:
     ExitStatus parse_and_run(int argc, char **argv);
-    void output_help() const;
-    bool takes_value(const std::string &option) const;
+    std::vector<std::string> protected_words(int argc, char **argv);
+    void for_every_command(const std::function<void(CLI::App &)> &visit);
+    bool takes_value(const std::string &option);
     const CLI::App &chosen() const;
     std::string explain(const CLI::ParseError &error) const;
 
@@ -59,6 +60,9 @@ CLI::Option *add_dn(CLI::App &command, const std::string &name, std::string &dn,
                     const std::string &description);
 CLI::Option *add_dns(CLI::App &command, const std::string &name, std::vector<std::string> &dns,
                      const std::string &description);
+// A required argument that is one of these names.
+CLI::Option *add_name(CLI::App &command, const std::string &name, std::string &value,
+                      const std::vector<std::string> &known, const std::string &description);
 // --flags N: option bits, which the server interprets.
 void add_flags(CLI::App &command, int &flags);
 

@@ -6,5 +6,10 @@
 namespace tool {
 
 void add_partition_commands(CommandLine &line);
+void add_replica_commands(CommandLine &line);
+void add_sync_commands(CommandLine &line);
+void add_filter_commands(CommandLine &line);
+void add_identity_commands(CommandLine &line);
+void add_trigger_commands(CommandLine &line);
 
 } // namespace tool

@@ -102,7 +102,7 @@ int chaining_behaviour(const Extension &extension, const std::string &name)
 {
     constexpr std::array names{"chainingPreferred", "chainingRequired", "referralsPreferred",
                                "referralsRequired"};
-    const auto found = std::find_if(names.begin(), names.end(), [&](const char *known) {
+    const auto *const found = std::find_if(names.begin(), names.end(), [&](const char *known) {
         return strcasecmp(known, name.c_str()) == 0;
     });
     if (found == names.end())
@@ -135,6 +135,7 @@ Control read_entry(const Extension &extension, const char *oid)
         rest.erase(0, comma + 1);
     }
     std::vector<char *> attributes;
+    attributes.reserve(names.size() + 1);
     for (std::string &name : names)
         attributes.push_back(name.data());
     attributes.push_back(nullptr);

@@ -29,7 +29,7 @@ public:
     LDAPControl **for_operations();
 
 private:
-    void add(const std::string &extension, const ConnectionOptions &options, LDAP *ld);
+    void add(const std::string &argument, const ConnectionOptions &options, LDAP *ld);
 
     std::vector<Control> all_;
     std::vector<LDAPControl *> bind_;

@@ -147,7 +147,8 @@ bool connection_is_lost(int code)
 void complain(std::string_view message)
 {
     const std::string line = "greirige: " + std::string(message) + '\n';
-    std::fwrite(line.data(), 1, line.size(), stderr);
+    // Where standard error cannot be written there is nobody to tell.
+    static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
 }
 
 } // namespace tool

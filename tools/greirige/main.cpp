@@ -6,5 +6,10 @@ int main(int argc, char **argv)
 {
     tool::CommandLine line;
     tool::add_partition_commands(line);
+    tool::add_replica_commands(line);
+    tool::add_sync_commands(line);
+    tool::add_filter_commands(line);
+    tool::add_identity_commands(line);
+    tool::add_trigger_commands(line);
     return line.run(argc, argv);
 }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "error.h"
@@ -44,27 +43,28 @@ void Output::line(std::string_view text)
 
 void Output::table(const std::vector<Column> &columns_of_table, const std::vector<Row> &rows)
 {
-    std::vector<std::size_t> widths;
-    for (std::size_t at = 0; at < columns_of_table.size(); ++at) {
-        std::size_t width = columns(columns_of_table[at].title);
+    Row titles;
+    for (const Column &column : columns_of_table)
+        titles.push_back(column.title);
+    std::vector<std::size_t> widths(titles.size());
+    for (std::size_t at = 0; at < widths.size(); ++at) {
+        widths[at] = columns(titles[at]);
         for (const Row &row : rows)
-            width = std::max(width, columns(row[at]));
-        widths.push_back(width);
+            widths[at] = std::max(widths[at], columns(row[at]));
     }
-    const auto write_row = [&](const auto &cell) {
+    const auto write_row = [&](const Row &row) {
         std::string text;
         for (std::size_t at = 0; at < widths.size(); ++at) {
-            const std::string &value = cell(at);
-            const std::string space = padding(widths[at], value);
-            text += columns_of_table[at].right ? space + value : value + space;
-            text += "  ";
+            const bool right = columns_of_table[at].right;
+            const std::string space = padding(widths[at], row[at]);
+            text.append(right ? space : row[at]).append(right ? row[at] : space).append("  ");
         }
         text.erase(text.find_last_not_of(' ') + 1);
         line(text);
     };
-    write_row([&](std::size_t at) -> const std::string & { return columns_of_table[at].title; });
+    write_row(titles);
     for (const Row &row : rows)
-        write_row([&](std::size_t at) -> const std::string & { return row[at]; });
+        write_row(row);
 }
 
 void Output::fields(const std::vector<std::pair<std::string, std::string>> &fields)
@@ -73,12 +73,13 @@ void Output::fields(const std::vector<std::pair<std::string, std::string>> &fiel
     for (const auto &[label, value] : fields)
         width = std::max(width, columns(label));
     for (const auto &[label, value] : fields)
-        line(label + padding(width, label) + "  " + value);
+        line(std::string(label).append(padding(width, label)).append("  ").append(value));
 }
 
 void Output::write(std::string_view text)
 {
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0)
+    if (std::fwrite(text.data(), 1, text.size(), stream_) != text.size() ||
+        std::fflush(stream_) != 0)
         throw Failure(ExitStatus::failed,
                       std::string("cannot write the output: ") + std::strerror(errno));
 }

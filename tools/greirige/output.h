@@ -1,6 +1,7 @@
 // What commands print on standard output: aligned text for people, or JSON.
 #pragma once
 
+#include <cstdio>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -23,7 +24,7 @@ using Row = std::vector<std::string>;
 
 class Output {
 public:
-    explicit Output(const bool &json) : json_(json) {}
+    explicit Output(bool json) : json_(json) {}
 
     bool json() const
     {
@@ -43,7 +44,8 @@ public:
 private:
     void write(std::string_view text);
 
-    const bool &json_; // set while the command line is parsed, which is after this is made
+    bool json_;
+    std::FILE *stream_ = stdout;
 };
 
 } // namespace tool

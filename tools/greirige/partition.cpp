@@ -47,7 +47,8 @@ void add_operation(CommandLine &line, CLI::App &group, const PartitionOperation 
     CLI::App &command = line.command(
         group, operation.command, operation.summary, operation.example,
         [arguments, &operation](Tool &tool) {
-            auto &[dn, flags] = *arguments;
+            std::string &dn = arguments->dn;
+            int &flags = arguments->flags;
             return tool.carry_out({.name = std::string("partition ") + operation.command,
                                    .doing = operation.doing + in_quotes(dn) + operation.doing_more,
                                    .done = printable(dn) + operation.done,
@@ -72,11 +73,11 @@ struct OrphanOperation {
 
 constexpr OrphanOperation orphan_operations[] = {
     {"split-orphan", "Split off a partition whose parent no server holds",
-     "greirige partition split-orphan cn=server1,ou=servers,o=example o=lost",
+     "greirige partition split-orphan o=lost cn=server1,ou=servers,o=example",
      "split off the orphan partition ", " on the server ", " is an orphan partition", false,
      ldap_split_orphan_partition},
     {"remove-orphan", "Remove an orphan partition from a server",
-     "greirige partition remove-orphan cn=server1,ou=servers,o=example o=lost",
+     "greirige partition remove-orphan o=lost cn=server1,ou=servers,o=example",
      "remove the orphan partition ", " from the server ", " is removed", true,
      ldap_remove_orphan_partition},
 };
@@ -91,7 +92,8 @@ void add_orphan_operation(CommandLine &line, CLI::App &group, const OrphanOperat
     CLI::App &command = line.command(
         group, operation.command, operation.summary, operation.example,
         [arguments, &operation](Tool &tool) {
-            auto &[server, context] = *arguments;
+            std::string &server = arguments->server;
+            std::string &context = arguments->context;
             return tool.carry_out(
                 {.name = std::string("partition ") + operation.command,
                  .doing = operation.doing + in_quotes(context) + operation.preposition +
@@ -101,8 +103,8 @@ void add_orphan_operation(CommandLine &line, CLI::App &group, const OrphanOperat
                  .destructive = operation.destructive},
                 [&](LDAP *ld) { return operation.call(ld, server.data(), context.data()); });
         });
-    add_dn(command, "SERVER", arguments->server, "The server object on which the partition lives");
     add_dn(command, "DN", arguments->context, "The orphan partition");
+    add_dn(command, "SERVER", arguments->server, "The server object on which it lives");
 }
 
 // Counts one partition after the other. One that fails does not stop the others, unless the

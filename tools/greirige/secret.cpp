@@ -79,11 +79,14 @@ bool take_password(int argc, char **argv,
     bool found = false;
     const auto take = [&](char *value) {
         password = Secret(value);
-        std::memset(value, 'x', std::strlen(value));
+        for (; *value != '\0'; ++value)
+            *value = 'x';
         found = true;
     };
-    for (int at = 1; at < argc && std::strcmp(argv[at], "--") != 0; ++at) {
+    for (int at = 1; at < argc; ++at) {
         char *word = argv[at];
+        if (word == nullptr || std::strcmp(word, "--") == 0)
+            break;
         char *next = at + 1 < argc ? argv[at + 1] : nullptr;
         if (std::strncmp(word, "--password=", 11) == 0) {
             take(word + 11);

@@ -196,7 +196,7 @@ void Session::reach()
         say("connected to " + server_);
         return;
     }
-    const std::vector<Cause> causes = connection_causes(trace.lines());
+    const std::vector<Cause> causes = connection_causes(LibraryTrace::lines());
     if (causes.empty())
         fail("cannot reach " + server_ + ": " + describe(last_failure(ld_.get(), code)));
     if (causes.size() == 1)
@@ -216,7 +216,7 @@ void Session::start_tls()
         say("encrypted with StartTLS");
         return;
     }
-    const Cause cause = tls_cause(trace.lines());
+    const Cause cause = tls_cause(LibraryTrace::lines());
     const std::string why = cause.text.empty() ? describe(last_failure(ld_.get(), code))
                                                : with_hint(cause.text, cause.hint);
     const std::string message = "cannot encrypt the connection to " + server_ + ": " + why;

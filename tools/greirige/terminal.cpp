@@ -137,7 +137,7 @@ void catch_signals()
             sigaction(number, &action, nullptr);
     }
     // A server or a reader of our output that goes away is an error to report, not a death.
-    std::signal(SIGPIPE, SIG_IGN);
+    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
 }
 
 bool interrupted()
@@ -154,8 +154,8 @@ void leave_if_interrupted()
 void end_by_signal()
 {
     const int number = signal_received;
-    std::signal(number, SIG_DFL);
-    raise(number);
+    static_cast<void>(std::signal(number, SIG_DFL));
+    static_cast<void>(raise(number));
     std::_Exit(128 + number);
 }
 

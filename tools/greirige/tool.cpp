@@ -39,7 +39,7 @@ bool Tool::begin(const Operation &operation)
     return false;
 }
 
-void Tool::get_consent(const Operation &operation)
+void Tool::get_consent(const Operation &operation) const
 {
     if (options_.yes)
         return;

@@ -58,8 +58,7 @@ public:
     void say(const std::string &what) const;
 
 private:
-    void get_consent(const Operation &operation);
-    Session &session();
+    void get_consent(const Operation &operation) const;
 
     Options &options_;
     std::unique_ptr<Session> session_;

@@ -55,6 +55,11 @@ std::string after(std::string_view line, std::string_view mark)
                                         : std::string(line.substr(at + mark.size()));
 }
 
+int number_at_start(const std::string &text)
+{
+    return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+}
+
 std::string in_a_sentence(std::string_view text)
 {
     std::string words(text);
@@ -103,16 +108,21 @@ std::string trusted_issuers()
     if (ldap_get_option(nullptr, LDAP_OPT_X_TLS_CACERTFILE, &file) != LDAP_OPT_SUCCESS ||
         file == nullptr)
         return "no file of trusted issuers is set";
-    const std::string text = "the trusted issuers are those of " + printable(file);
+    std::string text = "the trusted issuers are those of " + printable(file);
     ldap_memfree(file);
     return text;
 }
 
 // The verification result of GnuTLS, whose bits the trace shows as they are.
+constexpr unsigned long revoked = 1UL << 5;
+constexpr unsigned long unknown_issuer = 1UL << 6;
+constexpr unsigned long not_an_issuer = 1UL << 7;
+constexpr unsigned long weak = 1UL << 8;
+constexpr unsigned long not_yet_valid = 1UL << 9;
+constexpr unsigned long expired = 1UL << 10;
+
 Cause cause_of_certificate(unsigned long status)
 {
-    constexpr unsigned long revoked = 1UL << 5, unknown_issuer = 1UL << 6, not_an_issuer = 1UL << 7,
-                            weak = 1UL << 8, not_yet_valid = 1UL << 9, expired = 1UL << 10;
     if (status & revoked)
         return {"the server's certificate has been revoked", {}};
     if (status & expired)
@@ -136,9 +146,9 @@ Cause cause_of_tls_line(std::string_view line)
         return cause_of_certificate(
             std::strtoul(std::string(between(line, "(", ")")).c_str(), nullptr, 16));
     if (line.starts_with("peer certificate is expired"))
-        return cause_of_certificate(1UL << 10);
+        return cause_of_certificate(expired);
     if (line.starts_with("peer certificate not yet active"))
-        return cause_of_certificate(1UL << 9);
+        return cause_of_certificate(not_yet_valid);
     if (line.starts_with("hostname (")) {
         const std::string_view wanted = between(line, "hostname (", ") does not match");
         const std::string_view found = between(line, "in certificate (", ")");
@@ -160,10 +170,11 @@ Cause cause_of_tls_line(std::string_view line)
                     (reason.empty() ? "" : ": " + reason),
                 "-o tls_cacert=FILE, tls_cert=FILE and tls_key=FILE name others"};
     }
-    if (line.find("does not match") != line.npos || line.starts_with("could not ") ||
+    if (line.find("does not match") != std::string_view::npos || line.starts_with("could not ") ||
         line.starts_with("unable to ") || line.starts_with("only one of "))
         return {in_a_sentence(line), {}};
-    if (line.starts_with("can't connect: ") && line.find("unknown error code") == line.npos)
+    if (line.starts_with("can't connect: ") &&
+        line.find("unknown error code") == std::string_view::npos)
         return {"the TLS handshake failed: " + in_a_sentence(after(line, "can't connect: ")),
                 "does this port speak TLS?"};
     return {};
@@ -179,8 +190,8 @@ Cause cause_of_attempt(std::vector<std::string>::const_iterator line,
         const std::string_view text = *line;
         const bool of_socket =
             text.starts_with("connect errno: ") || text.starts_with("ldap_is_socket_ready: error");
-        const int number = of_socket ? std::atoi(after(text, "errno: ").c_str()) : 0;
-        if (text.find("getaddrinfo failed: ") != text.npos)
+        const int number = of_socket ? number_at_start(after(text, "errno: ")) : 0;
+        if (text.find("getaddrinfo failed: ") != std::string_view::npos)
             cause = {"the name cannot be resolved: " +
                          in_a_sentence(after(text, "getaddrinfo failed: ")),
                      "check the name; -H chooses another"};
@@ -207,7 +218,7 @@ LibraryTrace::~LibraryTrace()
     set_level(0);
 }
 
-const std::vector<std::string> &LibraryTrace::lines() const
+const std::vector<std::string> &LibraryTrace::lines()
 {
     return collected;
 }

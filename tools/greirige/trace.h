@@ -19,7 +19,7 @@ public:
     LibraryTrace(const LibraryTrace &) = delete;
     LibraryTrace &operator=(const LibraryTrace &) = delete;
 
-    const std::vector<std::string> &lines() const;
+    static const std::vector<std::string> &lines();
 };
 
 struct Cause {

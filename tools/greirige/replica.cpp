@@ -1,0 +1,227 @@
+// greirige replica: add, remove, retype, info, list.
+
+#include "commands.h"
+
+#include <algorithm>
+
+#include "ldapx.h"
+#include "text.h"
+
+namespace tool {
+
+namespace {
+
+// The names of the types, in the order of their numbers.
+const std::vector<std::string> type_names{"master", "secondary",    "read-only",
+                                          "subref", "sparse-write", "sparse-read"};
+
+LDAP_REPLICA_TYPE type_of(const std::string &name)
+{
+    const auto found = std::find(type_names.begin(), type_names.end(), name);
+    return static_cast<LDAP_REPLICA_TYPE>(found - type_names.begin());
+}
+
+// Servers may know types that have no name here.
+std::string name_of(int type)
+{
+    return type >= 0 && type < LDAP_RT_COUNT ? type_names[static_cast<std::size_t>(type)]
+                                             : "type " + std::to_string(type);
+}
+
+struct Arguments {
+    std::string dn;
+    std::string server;
+    std::string type;
+    int flags = 0;
+
+    std::string replica() const
+    {
+        return "replica of " + in_quotes(dn) + " held by " + in_quotes(server);
+    }
+    Json details() const
+    {
+        Json json{{"dn", json_text(dn)}, {"serverDN", json_text(server)}};
+        if (!type.empty())
+            json["type"] = type;
+        json["flags"] = flags;
+        return json;
+    }
+};
+
+void add_dn_and_server(CLI::App &command, Arguments &arguments)
+{
+    add_dn(command, "DN", arguments.dn, "The root of the partition");
+    add_dn(command, "SERVER", arguments.server, "The server object that holds the replica");
+}
+
+void add_type(CLI::App &command, Arguments &arguments)
+{
+    add_name(command, "TYPE", arguments.type, type_names,
+             "master, secondary, read-only, subref, sparse-write or sparse-read");
+}
+
+void add_add(CommandLine &line, CLI::App &group)
+{
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App &command = line.command(
+        group, "add", "Put a replica of a partition on a server",
+        "greirige replica add ou=sales,o=example cn=server2,ou=servers,o=example read-only",
+        [arguments](Tool &tool) {
+            return tool.carry_out(
+                {.name = "replica add",
+                 .doing = "add a " + arguments->type + ' ' + arguments->replica(),
+                 .done = printable(arguments->server) + " holds a " + arguments->type +
+                         " replica of " + printable(arguments->dn),
+                 .details = arguments->details()},
+                [&](LDAP *ld) {
+                    return ldap_add_replica(ld, arguments->dn.data(), arguments->server.data(),
+                                            type_of(arguments->type), arguments->flags);
+                });
+        });
+    add_dn_and_server(command, *arguments);
+    add_type(command, *arguments);
+    add_flags(command, arguments->flags);
+}
+
+void add_remove(CommandLine &line, CLI::App &group)
+{
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App &command = line.command(
+        group, "remove", "Remove the replica of a partition from a server",
+        "greirige replica remove ou=sales,o=example cn=server2,ou=servers,o=example",
+        [arguments](Tool &tool) {
+            return tool.carry_out({.name = "replica remove",
+                                   .doing = "remove the " + arguments->replica(),
+                                   .done = printable(arguments->server) + " holds no replica of " +
+                                           printable(arguments->dn) + " any more",
+                                   .details = arguments->details(),
+                                   .destructive = true},
+                                  [&](LDAP *ld) {
+                                      return ldap_remove_replica(ld, arguments->dn.data(),
+                                                                 arguments->server.data(),
+                                                                 arguments->flags);
+                                  });
+        });
+    add_dn_and_server(command, *arguments);
+    add_flags(command, arguments->flags);
+}
+
+void add_retype(CommandLine &line, CLI::App &group)
+{
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App &command = line.command(
+        group, "retype", "Change the type of a replica",
+        "greirige replica retype ou=sales,o=example cn=server2,ou=servers,o=example master",
+        [arguments](Tool &tool) {
+            return tool.carry_out({.name = "replica retype",
+                                   .doing = "change the type of the " + arguments->replica() +
+                                            " to " + arguments->type,
+                                   .done = "the replica of " + printable(arguments->dn) + " on " +
+                                           printable(arguments->server) + " is " + arguments->type,
+                                   .details = arguments->details()},
+                                  [&](LDAP *ld) {
+                                      return ldap_change_replica_type(
+                                          ld, arguments->dn.data(), arguments->server.data(),
+                                          type_of(arguments->type), arguments->flags);
+                                  });
+        });
+    add_dn_and_server(command, *arguments);
+    add_type(command, *arguments);
+    add_flags(command, arguments->flags);
+}
+
+ExitStatus show_info(Tool &tool, Arguments &arguments)
+{
+    const Operation operation{
+        .name = "replica info",
+        .doing = "read the " + arguments.replica(),
+        .done = {},
+        .details = {{"dn", json_text(arguments.dn)}, {"serverDN", json_text(arguments.server)}}};
+    if (!tool.begin(operation))
+        return ExitStatus::done;
+    LDAPReplicaInfo info = {};
+    char *whole_dn = nullptr;
+    tool.check(operation, ldap_get_replica_info_ext(tool.ld(), arguments.dn.data(),
+                                                    arguments.server.data(), &info, &whole_dn));
+    const std::string partition = whole_dn != nullptr ? whole_dn : "";
+    ldapx_memfree(whole_dn);
+
+    if (tool.output.json()) {
+        Json json = tool.document(operation);
+        json["partition"] = json_text(partition);
+        json["type"] = name_of(info.replicaType);
+        json["replicaType"] = static_cast<int>(info.replicaType);
+        json["state"] = info.state;
+        json["flags"] = info.flags;
+        json["rootID"] = info.rootID;
+        json["localReplicaID"] = info.localReplicaID;
+        json["modificationTime"] = info.modificationTime;
+        json["purgeTime"] = info.purgeTime;
+        tool.output.document(json);
+    } else {
+        tool.output.fields({{"partition", printable(partition)},
+                            {"type", name_of(info.replicaType)},
+                            {"state", std::to_string(info.state)},
+                            {"flags", std::to_string(info.flags)},
+                            {"root entry", std::to_string(info.rootID)},
+                            {"replica number", std::to_string(info.localReplicaID)},
+                            {"modification time", std::to_string(info.modificationTime)},
+                            {"purge time", std::to_string(info.purgeTime)}});
+    }
+    return ExitStatus::done;
+}
+
+ExitStatus show_list(Tool &tool, std::string &server)
+{
+    const Operation operation{.name = "replica list",
+                              .doing = "list the replicas on " + in_quotes(server),
+                              .done = {},
+                              .details = {{"serverDN", json_text(server)}}};
+    if (!tool.begin(operation))
+        return ExitStatus::done;
+    char **list = nullptr;
+    tool.check(operation, ldap_list_replicas(tool.ld(), server.data(), &list));
+    std::vector<std::string> names;
+    for (char **name = list; name != nullptr && *name != nullptr; ++name)
+        names.emplace_back(*name);
+    ber_memvfree(reinterpret_cast<void **>(list));
+
+    if (tool.output.json()) {
+        Json json = tool.document(operation);
+        Json &replicas = json["replicas"] = Json::array();
+        for (const std::string &name : names)
+            replicas.push_back(json_text(name));
+        tool.output.document(json);
+    } else {
+        for (const std::string &name : names)
+            tool.output.line(printable(name));
+        if (names.empty())
+            complain(in_quotes(server) + " holds no replicas");
+    }
+    return ExitStatus::done;
+}
+
+} // namespace
+
+void add_replica_commands(CommandLine &line)
+{
+    CLI::App &group = line.group("replica", "Place and inspect the replicas of partitions");
+    add_add(line, group);
+    add_remove(line, group);
+    add_retype(line, group);
+
+    const auto replica = std::make_shared<Arguments>();
+    add_dn_and_server(
+        line.command(group, "info", "Show what a server knows of its replica of a partition",
+                     "greirige replica info ou=sales,o=example cn=server2,ou=servers,o=example",
+                     [replica](Tool &tool) { return show_info(tool, *replica); }),
+        *replica);
+
+    const auto server = std::make_shared<std::string>();
+    add_dn(line.command(group, "list", "List the partitions of which a server holds replicas",
+                        "greirige replica list cn=server2,ou=servers,o=example",
+                        [server](Tool &tool) { return show_list(tool, *server); }),
+           "SERVER", *server, "The server object");
+}
+
+} // namespace tool
