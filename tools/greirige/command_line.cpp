@@ -108,7 +108,7 @@ std::string fault_of_dn(const std::string &text)
     ldap_dnfree(dn);
     if (code == LDAP_SUCCESS)
         return {};
-    return in_quotes(text) + " is not a distinguished name such as ou=sales,o=example";
+    return in_quotes(text) + " is not a distinguished name such as ou=people,dc=example,dc=com";
 }
 
 } // namespace
@@ -126,10 +126,11 @@ CommandLine::CommandLine()
     app_.add_flag("-V,--version", options_.version,
                   "Show the versions; -VV shows nothing else even with a command");
     add_connection_options(app_, options_.connection);
-    app_.footer("Exit status: 0 done, 1 the operation failed, 2 wrong usage, 3 cannot connect or\n"
-                "bind, 4 done in part. ldap.conf(5), LDAPRC and the LDAP variables hold.\n\n"
-                "Example:\n  greirige -H ldap://localhost -x -D cn=admin,o=example -W partition "
-                "count o=example");
+    app_.footer(
+        "Exit status: 0 done, 1 the operation failed, 2 wrong usage, 3 cannot connect or\n"
+        "bind, 4 done in part. ldap.conf(5), LDAPRC and the LDAP variables hold.\n\n"
+        "Example:\n  greirige -H ldap://localhost -x -D cn=admin,dc=example,dc=com -W partition "
+        "count dc=example,dc=com");
 }
 
 CLI::App &CommandLine::group(const std::string &name, const std::string &description)

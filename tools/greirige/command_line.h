@@ -5,7 +5,7 @@
 //         CLI::App &partition = line.group("partition", "Split, merge and count partitions");
 //         auto dn = std::make_shared<std::string>();
 //         CLI::App &split = line.command(partition, "split", "Make an entry the root of ...",
-//                                        "greirige partition split ou=sales,o=example",
+//                                        "greirige partition split ou=people,dc=example,dc=com",
 //                                        [dn](Tool &tool) { return ...; });
 //         add_dn(split, "DN", *dn, "The entry");
 //     }

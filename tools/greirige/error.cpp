@@ -71,7 +71,7 @@ std::string hint_for(const LdapFailure &failure)
     case LDAP_NO_SUCH_OBJECT:
         return "check the spelling of the DN";
     case LDAP_INSUFFICIENT_ACCESS:
-        return "-D DN -W binds as somebody who may";
+        return "-x -D DN -W binds as somebody who may";
     case LDAP_INVALID_CREDENTIALS:
         return "check the name and the password";
     case LDAP_INAPPROPRIATE_AUTH:

@@ -264,16 +264,17 @@ void add_filter_commands(CommandLine &line)
     const auto get = std::make_shared<Arguments>();
     CLI::App &get_command =
         line.command(group, "get", "Show the classes and attributes that a server replicates",
-                     "greirige filter get cn=server2,ou=servers,o=example",
+                     "greirige filter get cn=server2,ou=servers,dc=example,dc=com",
                      [get](Tool &tool) { return get_filter(tool, *get); });
     add_dn(get_command, "SERVER", get->server, "The server object");
     get_command.add_flag("--raw", get->raw, "Show the flat text: class$attribute$...$$$");
 
     const auto set = std::make_shared<Arguments>();
-    CLI::App &set_command = line.command(
-        group, "set", "Set the classes and attributes that a server replicates",
-        "greirige filter set cn=server2,ou=servers,o=example 'inetOrgPerson cn sn' groupOfNames",
-        [set](Tool &tool) { return set_filter(tool, *set); });
+    CLI::App &set_command =
+        line.command(group, "set", "Set the classes and attributes that a server replicates",
+                     "greirige filter set cn=server2,ou=servers,dc=example,dc=com 'inetOrgPerson "
+                     "cn sn' groupOfNames",
+                     [set](Tool &tool) { return set_filter(tool, *set); });
     add_dn(set_command, "SERVER", set->server, "The server object");
     set_command
         .add_option("CLASS", set->lines, "A class, its attributes behind it, as one argument")

@@ -19,7 +19,8 @@ std::string take(char *text)
 
 ExitStatus show_identity(Tool &tool)
 {
-    const Operation operation{.name = "whoami", .doing = "ask who is bound", .done = {}};
+    const Operation operation{
+        .name = "whoami", .doing = "ask for the identity of the session", .done = {}};
     if (!tool.begin(operation))
         return ExitStatus::done;
     char *identity = nullptr;
@@ -159,14 +160,14 @@ void add_names(CommandLine &line)
     CLI::App &group = line.group("name", "Turn names of other forms into DNs");
     const auto dns = std::make_shared<std::string>();
     line.command(group, "from-dns", "Turn a DNS-style name into a DN",
-                 "greirige name from-dns sales.example",
+                 "greirige name from-dns people.example.com",
                  [dns](Tool &tool) { return convert_dns(tool, *dns); })
         .add_option("NAME", *dns, "The name")
         ->required()
         ->type_name("");
     const auto native = std::make_shared<std::string>();
     line.command(group, "from-native", "Turn a name in the directory's native form into a DN",
-                 "greirige name from-native anna.sales.example",
+                 "greirige name from-native anna.people.example",
                  [native](Tool &tool) { return convert_native(tool, *native); })
         .add_option("NAME", *native, "The name, in UTF-8")
         ->required()
@@ -178,13 +179,14 @@ void add_names(CommandLine &line)
 void add_identity_commands(CommandLine &line)
 {
     line.command("whoami", "Show under which identity the session is bound",
-                 "greirige -x -D cn=admin,o=example -W whoami", show_identity);
+                 "greirige -x -D cn=admin,dc=example,dc=com -W whoami", show_identity);
 
     const auto rights = std::make_shared<Rights>();
-    CLI::App &command = line.command(
-        "rights", "Show the rights that a subject has on attributes of an entry",
-        "greirige rights ou=sales,o=example cn=anna,ou=people,o=example cn description",
-        [rights](Tool &tool) { return show_rights(tool, *rights); });
+    CLI::App &command =
+        line.command("rights", "Show the rights that a subject has on attributes of an entry",
+                     "greirige rights ou=people,dc=example,dc=com "
+                     "uid=anna,ou=people,dc=example,dc=com cn description",
+                     [rights](Tool &tool) { return show_rights(tool, *rights); });
     add_dn(command, "DN", rights->dn, "The entry");
     add_dn(command, "SUBJECT", rights->subject, "Whose rights");
     command.add_option("ATTR", rights->attributes, "The attributes")->required()->type_name("");

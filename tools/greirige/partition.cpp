@@ -25,14 +25,14 @@ struct PartitionOperation {
 
 constexpr PartitionOperation operations[] = {
     {"split", "Make an entry the root of a new partition",
-     "greirige partition split ou=sales,o=example", "The entry that becomes the root",
+     "greirige partition split ou=people,dc=example,dc=com", "The entry that becomes the root",
      "split the partition at ", "", " is the root of a partition", false, ldap_split_partition},
     {"merge", "Merge a partition back into its parent partition",
-     "greirige partition merge ou=sales,o=example", "The root of the partition that disappears",
-     "merge the partition ", " into its parent partition", " belongs to its parent partition", true,
-     ldap_merge_partitions},
+     "greirige partition merge ou=people,dc=example,dc=com",
+     "The root of the partition that disappears", "merge the partition ",
+     " into its parent partition", " belongs to its parent partition", true, ldap_merge_partitions},
     {"abort", "Abort the operation that is running on a partition",
-     "greirige partition abort ou=sales,o=example", "The root of the partition",
+     "greirige partition abort ou=people,dc=example,dc=com", "The root of the partition",
      "abort the operation running on the partition ", "", ": the running operation is aborted",
      true, ldap_abort_partition_operation},
 };
@@ -73,11 +73,11 @@ struct OrphanOperation {
 
 constexpr OrphanOperation orphan_operations[] = {
     {"split-orphan", "Split off a partition whose parent no server holds",
-     "greirige partition split-orphan o=lost cn=server1,ou=servers,o=example",
+     "greirige partition split-orphan o=lost cn=server1,ou=servers,dc=example,dc=com",
      "split off the orphan partition ", " on the server ", " is an orphan partition", false,
      ldap_split_orphan_partition},
     {"remove-orphan", "Remove an orphan partition from a server",
-     "greirige partition remove-orphan o=lost cn=server1,ou=servers,o=example",
+     "greirige partition remove-orphan o=lost cn=server1,ou=servers,dc=example,dc=com",
      "remove the orphan partition ", " from the server ", " is removed", true,
      ldap_remove_orphan_partition},
 };
@@ -168,9 +168,10 @@ void add_partition_commands(CommandLine &line)
         add_operation(line, group, operation);
 
     const auto dns = std::make_shared<std::vector<std::string>>();
-    CLI::App &count = line.command(group, "count", "Count the entries of partitions",
-                                   "greirige partition count o=example ou=sales,o=example",
-                                   [dns](Tool &tool) { return count_all(tool, *dns); });
+    CLI::App &count =
+        line.command(group, "count", "Count the entries of partitions",
+                     "greirige partition count dc=example,dc=com ou=people,dc=example,dc=com",
+                     [dns](Tool &tool) { return count_all(tool, *dns); });
     add_dns(count, "DN", *dns, "The roots of the partitions");
 
     for (const OrphanOperation &operation : orphan_operations)

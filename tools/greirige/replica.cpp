@@ -65,7 +65,8 @@ void add_add(CommandLine &line, CLI::App &group)
     const auto arguments = std::make_shared<Arguments>();
     CLI::App &command = line.command(
         group, "add", "Put a replica of a partition on a server",
-        "greirige replica add ou=sales,o=example cn=server2,ou=servers,o=example read-only",
+        "greirige replica add ou=people,dc=example,dc=com cn=server2,ou=servers,dc=example,dc=com "
+        "read-only",
         [arguments](Tool &tool) {
             return tool.carry_out(
                 {.name = "replica add",
@@ -88,7 +89,8 @@ void add_remove(CommandLine &line, CLI::App &group)
     const auto arguments = std::make_shared<Arguments>();
     CLI::App &command = line.command(
         group, "remove", "Remove the replica of a partition from a server",
-        "greirige replica remove ou=sales,o=example cn=server2,ou=servers,o=example",
+        "greirige replica remove ou=people,dc=example,dc=com "
+        "cn=server2,ou=servers,dc=example,dc=com",
         [arguments](Tool &tool) {
             return tool.carry_out({.name = "replica remove",
                                    .doing = "remove the " + arguments->replica(),
@@ -111,7 +113,8 @@ void add_retype(CommandLine &line, CLI::App &group)
     const auto arguments = std::make_shared<Arguments>();
     CLI::App &command = line.command(
         group, "retype", "Change the type of a replica",
-        "greirige replica retype ou=sales,o=example cn=server2,ou=servers,o=example master",
+        "greirige replica retype ou=people,dc=example,dc=com "
+        "cn=server2,ou=servers,dc=example,dc=com master",
         [arguments](Tool &tool) {
             return tool.carry_out({.name = "replica retype",
                                    .doing = "change the type of the " + arguments->replica() +
@@ -211,15 +214,16 @@ void add_replica_commands(CommandLine &line)
     add_retype(line, group);
 
     const auto replica = std::make_shared<Arguments>();
-    add_dn_and_server(
-        line.command(group, "info", "Show what a server knows of its replica of a partition",
-                     "greirige replica info ou=sales,o=example cn=server2,ou=servers,o=example",
-                     [replica](Tool &tool) { return show_info(tool, *replica); }),
-        *replica);
+    add_dn_and_server(line.command(group, "info",
+                                   "Show what a server knows of its replica of a partition",
+                                   "greirige replica info ou=people,dc=example,dc=com "
+                                   "cn=server2,ou=servers,dc=example,dc=com",
+                                   [replica](Tool &tool) { return show_info(tool, *replica); }),
+                      *replica);
 
     const auto server = std::make_shared<std::string>();
     add_dn(line.command(group, "list", "List the partitions of which a server holds replicas",
-                        "greirige replica list cn=server2,ou=servers,o=example",
+                        "greirige replica list cn=server2,ou=servers,dc=example,dc=com",
                         [server](Tool &tool) { return show_list(tool, *server); }),
            "SERVER", *server, "The server object");
 }

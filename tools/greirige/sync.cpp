@@ -27,7 +27,8 @@ void add_receive(CommandLine &line, CLI::App &group)
     const auto arguments = std::make_shared<Arguments>();
     CLI::App &command = line.command(
         group, "receive", "Make a server receive all updates of a partition",
-        "greirige sync receive o=example cn=server2,ou=servers,o=example", [arguments](Tool &tool) {
+        "greirige sync receive dc=example,dc=com cn=server2,ou=servers,dc=example,dc=com",
+        [arguments](Tool &tool) {
             std::string &dn = arguments->dn;
             std::string &server = arguments->server;
             std::string &from = arguments->from;
@@ -56,7 +57,8 @@ void add_send(CommandLine &line, CLI::App &group)
     const auto arguments = std::make_shared<Arguments>();
     CLI::App &command = line.command(
         group, "send", "Make a server send all its updates of a partition",
-        "greirige sync send o=example cn=server1,ou=servers,o=example", [arguments](Tool &tool) {
+        "greirige sync send dc=example,dc=com cn=server1,ou=servers,dc=example,dc=com",
+        [arguments](Tool &tool) {
             std::string &dn = arguments->dn;
             std::string &server = arguments->server;
 
@@ -84,7 +86,7 @@ void add_partition(CommandLine &line, CLI::App &group)
     const auto arguments = std::make_shared<Arguments>();
     CLI::App &command = line.command(
         group, "partition", "Make a server synchronise a partition",
-        "greirige sync partition o=example cn=server1,ou=servers,o=example",
+        "greirige sync partition dc=example,dc=com cn=server1,ou=servers,dc=example,dc=com",
         [arguments](Tool &tool) {
             std::string &dn = arguments->dn;
             std::string &server = arguments->server;
@@ -111,7 +113,7 @@ void add_schema(CommandLine &line, CLI::App &group)
     const auto arguments = std::make_shared<Arguments>();
     CLI::App &command =
         line.command(group, "schema", "Make the server synchronise the schema",
-                     "greirige sync schema o=example", [arguments](Tool &tool) {
+                     "greirige sync schema dc=example,dc=com", [arguments](Tool &tool) {
                          std::string &dn = arguments->dn;
 
                          return tool.carry_out(
