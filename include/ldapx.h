@@ -286,8 +286,8 @@ LDAPX_API int ldap_get_replica_info_ext(LDAP *ld, char *dn, char *serverDN,
 /* Lists the partitions of which a server holds replicas.
  *   replicaList  receives a NULL-terminated array of names, NULL when there is none; array and
  *                strings are released together with the LDAP library's ldap_value_free() or
- *                ber_memvfree(). Set it to NULL before the call: it is unchanged on failures
- *                before the decoding and NULL after a value that could not be decoded. */
+ *                ber_memvfree(). Set it to NULL before the call: on failure it is unchanged or
+ *                NULL. */
 LDAPX_API int ldap_list_replicas(LDAP *ld, char *serverDN, char ***replicaList) LDAPX_NOEXCEPT;
 
 /* ---- Synchronisation ------------------------------------------------------------------------

@@ -34,21 +34,24 @@ Result call_answered(const Operation &operation, const Response &response)
     return result;
 }
 
-// The session's result code after libldap alone has had the same exchange.
-int code_of_the_bare_exchange(const Operation &operation, const Response &response)
+// What libldap alone makes of the same exchange.
+struct Bare {
+    int rc;
+    int session_code;
+};
+
+Bare bare_exchange(const Operation &operation, Peer &peer)
 {
-    Peer peer;
-    peer.respond(response);
     std::string value = operation.request_value.value_or("");
     berval requestbv{value.size(), value.data()};
     char *oid = nullptr;
     berval *data = nullptr;
-    ldap_extended_operation_s(peer.ld(), operation.request_name.c_str(),
-                              operation.request_value ? &requestbv : nullptr, nullptr, nullptr,
-                              &oid, &data);
+    const int rc = ldap_extended_operation_s(peer.ld(), operation.request_name.c_str(),
+                                             operation.request_value ? &requestbv : nullptr,
+                                             nullptr, nullptr, &oid, &data);
     ldap_memfree(oid);
     ber_bvfree(data);
-    return peer.session_code();
+    return {rc, peer.session_code()};
 }
 
 class Every : public testing::TestWithParam<Operation> {};
@@ -148,6 +151,25 @@ TEST_P(Every, passes_the_ldap_library_s_code_on)
     EXPECT_EQ(result.written, "");
 }
 
+TEST_P(Every, takes_a_message_that_is_cut_anywhere_as_the_ldap_library_does)
+{
+    const Operation &operation = GetParam();
+    const Response good{.name = operation.response_name, .value = operation.answer};
+    for (const std::string &cut : cuts(extended_response(1, good))) {
+        Peer bare, peer;
+        for (Peer *each : {&bare, &peer}) {
+            each->send(cut);
+            each->finish();
+        }
+        const Bare expected = bare_exchange(operation, bare);
+        const Result result = call(operation, peer);
+        EXPECT_LT(result.rc, 0) << hex(cut);
+        EXPECT_EQ(result.rc, expected.rc) << hex(cut);
+        EXPECT_EQ(result.written, "") << hex(cut);
+        EXPECT_EQ(peer.session_code(), expected.session_code) << hex(cut);
+    }
+}
+
 TEST_P(Every, leaves_the_session_s_result_code_as_the_ldap_library_set_it)
 {
     const Operation &operation = GetParam();
@@ -156,10 +178,11 @@ TEST_P(Every, leaves_the_session_s_result_code_as_the_ldap_library_set_it)
          {good, Response{}, Response{.name = "1.2", .value = good.value},
           Response{.name = good.name}, Response{.name = good.name, .value = "\x02"},
           Response{.code = LDAP_BUSY, .name = good.name}}) {
-        Peer peer;
+        Peer bare, peer;
+        bare.respond(response);
         peer.respond(response);
         call(operation, peer);
-        EXPECT_EQ(peer.session_code(), code_of_the_bare_exchange(operation, response));
+        EXPECT_EQ(peer.session_code(), bare_exchange(operation, bare).session_code);
     }
 }
 

@@ -19,12 +19,12 @@ constexpr char closing = '$';
 char *take_name(CallFrame &call, char *&cursor) noexcept
 {
     char *name = cursor;
-    char *sign = call.err == LDAP_SUCCESS ? std::strchr(cursor, closing) : nullptr;
-    if (sign != nullptr) {
+    char *sign = std::strchr(cursor, closing);
+    if (sign == nullptr) {
+        call.err = LDAPX_PARAM_ERROR;
+    } else {
         *sign = '\0';
         cursor = sign + 1;
-    } else if (call.err == LDAP_SUCCESS) {
-        call.err = LDAPX_PARAM_ERROR;
     }
     return name;
 }
@@ -57,9 +57,7 @@ char *append_sign(char *end) noexcept
 
 char *append_name(char *end, const char *name) noexcept
 {
-    const std::size_t length = std::strlen(name);
-    std::memcpy(end, name, length);
-    return append_sign(end + length);
+    return append_sign(stpcpy(end, name));
 }
 
 // Reads one class, SEQUENCE { OCTET STRING, SEQUENCE OF OCTET STRING }, and appends it to the
@@ -69,8 +67,8 @@ char *decode_class(CallFrame &call, char *end) noexcept
     char *className = nullptr;
     char **attrList = nullptr;
     decode(call, "{a{v}}", &className, &attrList);
-    if (call.err != LDAP_SUCCESS)
-        return end;
+    if (className == nullptr)
+        return end; // the call has failed
 
     end = append_name(end, className);
     for (char **attr = attrList; attr != nullptr && *attr != nullptr; ++attr)
@@ -79,6 +77,20 @@ char *decode_class(CallFrame &call, char *end) noexcept
         ldap_value_free(attrList);
     ldap_memfree(className);
     return append_sign(end);
+}
+
+// Reads the filter into the text. The classes go on until the value is exhausted, whatever length
+// the SEQUENCE around them announced.
+void decode_filter(CallFrame &call, char *text) noexcept
+{
+    char *end = text;
+    *end = '\0';
+    expect(call, LBER_SEQUENCE);
+    decode(call, "{");
+    while (call.err == LDAP_SUCCESS && unread_bytes(call.returnedber) > 0)
+        end = decode_class(call, end);
+    if (call.err == LDAP_SUCCESS)
+        append_sign(end);
 }
 
 } // namespace
@@ -127,19 +139,11 @@ int ldap_get_replication_filter(LDAP *ld, const char *serverDN, char **filter) n
         // sign in the text; so does every attribute list; and the two bytes of the outer SEQUENCE
         // pay for the last sign and the terminator.
         *filter = static_cast<char *>(std::malloc(call.returnedbv->bv_len + 2));
-        if (*filter == nullptr)
-            call.err = LDAPX_NO_MEMORY;
+        if (*filter != nullptr)
+            decode_filter(call, *filter);
         else
-            **filter = '\0';
+            call.err = LDAPX_NO_MEMORY;
     }
-    expect(call, LBER_SEQUENCE);
-    decode(call, "{");
-    // The classes go on until the value is exhausted, whatever length the SEQUENCE announced.
-    char *text = call.err == LDAP_SUCCESS ? *filter : nullptr;
-    while (call.err == LDAP_SUCCESS && unread_bytes(call.returnedber) > 0)
-        text = decode_class(call, text);
-    if (call.err == LDAP_SUCCESS)
-        append_sign(text);
 
     BerElement *reader = call.returnedber; // here it goes last, after the request element
     call.returnedber = nullptr;

@@ -22,8 +22,8 @@ void read_name(CallFrame &call, char **name, ber_len_t limit = unlimited,
     berval *value = nullptr;
     expect(call, LBER_OCTETSTRING);
     decode(call, "O", &value);
-    if (call.err != LDAP_SUCCESS)
-        return;
+    if (value == nullptr)
+        return; // the call has failed
 
     *name = static_cast<char *>(std::malloc(value->bv_len + 1));
     if (*name == nullptr) {
