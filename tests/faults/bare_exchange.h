@@ -4,6 +4,7 @@
 // libldap itself does or loses when one of its own fails is seen here first.
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 
 #ifndef LDAP_DEPRECATED
@@ -18,7 +19,8 @@ int bare_exchange(LDAP *ld, const char *request, const char *response, const cha
                   Values... values)
 {
     BerElement *element = nullptr;
-    berval *value = nullptr, *data = nullptr;
+    berval *value = nullptr;
+    berval *data = nullptr;
     char *name = nullptr;
     int rc = LDAP_SUCCESS;
     if (format != nullptr) {
@@ -57,8 +59,7 @@ inline const LibldapFailure libldap_failures[] = {
 
 inline bool is_libldap_failure(const support::Outcome &outcome)
 {
-    for (const LibldapFailure &failure : libldap_failures)
-        if (outcome.died == failure.died && outcome.lost == failure.lost)
-            return true;
-    return false;
+    return std::ranges::any_of(libldap_failures, [&](const LibldapFailure &failure) {
+        return outcome.died == failure.died && outcome.lost == failure.lost;
+    });
 }

@@ -182,7 +182,7 @@ TEST_F(EntryCountFaults, a_reader_that_cannot_be_made_is_lack_of_memory)
 {
     calls.fail("ber_init");
     EXPECT_EQ(ask(integer(5)), LDAPX_NO_MEMORY);
-    EXPECT_EQ(count, 77u);
+    EXPECT_EQ(count, 77U);
     EXPECT_EQ(calls.released(), (Names{"ldap_memfree(returnedOID)", "ber_bvfree(returnedbv)",
                                        "ber_bvfree(requestbv)", "ber_free(requestber)"}));
 }
@@ -191,7 +191,7 @@ TEST_F(EntryCountFaults, a_decode_that_fails_is_reported_as_an_encoding_error)
 {
     calls.fail("ber_scanf");
     EXPECT_EQ(ask(integer(5)), LDAPX_ENCODING_ERROR);
-    EXPECT_EQ(count, 77u);
+    EXPECT_EQ(count, 77U);
     EXPECT_EQ(calls.released(),
               (Names{"ber_free(returnedber)", "ldap_memfree(returnedOID)", "ber_bvfree(returnedbv)",
                      "ber_bvfree(requestbv)", "ber_free(requestber)"}));
@@ -218,5 +218,5 @@ TEST_F(EntryCountFaults, the_reader_is_asked_for_one_integer_into_the_caller_s_v
     EXPECT_EQ(ask(integer(5)), LDAP_SUCCESS);
     Names made = calls.made();
     EXPECT_EQ(std::count(made.begin(), made.end(), "ber_scanf i"), 1);
-    EXPECT_EQ(count, 5u);
+    EXPECT_EQ(count, 5U);
 }

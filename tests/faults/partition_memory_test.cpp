@@ -50,7 +50,8 @@ std::vector<Scenario> scenarios_to_sweep(const Operation &operation)
 // The same exchange without the library.
 int bare(LDAP *ld, const Operation &operation)
 {
-    const char *request = operation.request.c_str(), *response = operation.response.c_str();
+    const char *request = operation.request.c_str();
+    const char *response = operation.response.c_str();
     if (operation.decodes())
         return bare_exchange(ld, request, response, "s", "o=x");
     if (operation.value[0] == 0x02)
@@ -83,9 +84,9 @@ TEST_P(PartitionMemory, is_all_released_whatever_the_server_answers)
             peer.respond(scenario.response);
             step.run([&] { return operation.call(peer.ld()); });
         });
-        EXPECT_EQ(outcome.lost, 0u) << scenario.what;
+        EXPECT_EQ(outcome.lost, 0U) << scenario.what;
         EXPECT_EQ(outcome.died, "") << scenario.what;
-        EXPECT_GT(outcome.allocations, 10u) << scenario.what;
+        EXPECT_GT(outcome.allocations, 10U) << scenario.what;
     }
 }
 
@@ -100,7 +101,7 @@ TEST_P(PartitionMemory, is_all_released_when_no_answer_comes)
             prepare(peer);
             step.run([&] { return operation.call(peer.ld()); });
         });
-        EXPECT_EQ(outcome.lost, 0u);
+        EXPECT_EQ(outcome.lost, 0U);
         EXPECT_EQ(outcome.died, "");
         EXPECT_LT(outcome.rc, 0);
     }
@@ -121,7 +122,7 @@ TEST_P(PartitionMemory, may_run_out_at_any_allocation)
             std::vector<Outcome> yardstick =
                 sweep(mode, with([this](LDAP *ld) { return bare(ld, operation); }));
             std::vector<Outcome> outcomes = sweep(mode, with(operation.call));
-            ASSERT_GT(yardstick.size(), 10u);
+            ASSERT_GT(yardstick.size(), 10U);
             ASSERT_GE(outcomes.size(), yardstick.size());
 
             for (std::size_t n = 0; n + 1 < outcomes.size(); n++) {
@@ -139,9 +140,9 @@ TEST_P(PartitionMemory, may_run_out_at_any_allocation)
                 // Behind it only the entry count goes on, to make its reader.
                 EXPECT_TRUE(operation.decodes()) << where();
                 EXPECT_EQ(outcomes[n].rc, LDAPX_NO_MEMORY) << where();
-                EXPECT_EQ(outcomes[n].lost, 0u) << where();
+                EXPECT_EQ(outcomes[n].lost, 0U) << where();
                 EXPECT_EQ(outcomes[n].died, "") << where();
             }
-            EXPECT_EQ(outcomes.back().lost, 0u) << scenario.what;
+            EXPECT_EQ(outcomes.back().lost, 0U) << scenario.what;
         }
 }

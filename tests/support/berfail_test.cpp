@@ -28,7 +28,8 @@ TEST(Calls, arguments_pass_through_a_watched_format_unchanged)
     EXPECT_EQ(std::string(flat->bv_val, flat->bv_len), expected);
 
     BerElement *reader = ber_init(flat);
-    ber_int_t number = 0, choice = 0;
+    ber_int_t number = 0;
+    ber_int_t choice = 0;
     ber_tag_t tag = 0;
     char *dn = nullptr;
     berval *copy = nullptr;
@@ -39,8 +40,8 @@ TEST(Calls, arguments_pass_through_a_watched_format_unchanged)
     EXPECT_EQ(number, -5);
     EXPECT_STREQ(dn, "o=x");
     EXPECT_EQ(choice, 7);
-    EXPECT_EQ(copy->bv_len, 3u);
-    EXPECT_EQ(tag, 0x80u);
+    EXPECT_EQ(copy->bv_len, 3U);
+    EXPECT_EQ(tag, 0x80U);
     EXPECT_STREQ(last, "tagged");
 
     EXPECT_EQ(calls.unreleased(), (Names{"requestber", "requestbv", "returnedber", "a", "O"}));

@@ -88,6 +88,7 @@ void forgotten(void *block)
 
 } // namespace
 
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" {
 
 void *malloc(std::size_t size) noexcept
@@ -147,6 +148,7 @@ int posix_memalign(void **block, std::size_t alignment, std::size_t size) noexce
 }
 
 } // extern "C"
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 namespace support {
 
@@ -175,6 +177,8 @@ Measurement::~Measurement()
     counter.used = counter.room = 0;
 }
 
+// The state is the thread's and not the object's.
+// NOLINTBEGIN(readability-convert-member-functions-to-static)
 void Measurement::only_releases()
 {
     counter.recording = false;
@@ -188,6 +192,7 @@ Usage Measurement::stop()
         usage.blocks.push_back({counter.live[i].number, counter.live[i].size});
     return usage;
 }
+// NOLINTEND(readability-convert-member-functions-to-static)
 
 std::string Outcome::describe() const
 {

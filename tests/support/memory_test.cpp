@@ -11,6 +11,8 @@
 
 using namespace support;
 
+// NOLINTBEGIN(clang-analyzer-unix.Malloc): blocks are lost here to see that it is noticed
+
 TEST(Memory, counts_what_is_allocated_and_what_is_kept)
 {
     void *kept = nullptr;
@@ -20,11 +22,11 @@ TEST(Memory, counts_what_is_allocated_and_what_is_kept)
         kept = realloc(kept, 40);
         free(strdup("the C library's own allocations too"));
     });
-    EXPECT_EQ(usage.allocations, 4u);
+    EXPECT_EQ(usage.allocations, 4U);
     EXPECT_EQ(usage.kept, 1);
-    ASSERT_EQ(usage.blocks.size(), 1u);
-    EXPECT_EQ(usage.blocks[0].number, 3u);
-    EXPECT_EQ(usage.blocks[0].size, 40u);
+    ASSERT_EQ(usage.blocks.size(), 1U);
+    EXPECT_EQ(usage.blocks[0].number, 3U);
+    EXPECT_EQ(usage.blocks[0].size, 40U);
 
     EXPECT_EQ(measure([&] { free(kept); }).kept, -1);
 }
@@ -82,7 +84,7 @@ TEST(Memory, a_sweep_fails_each_allocation_in_turn_and_ends_with_an_untouched_ru
         });
     };
     std::vector<Outcome> outcomes = sweep(Fail::once, body);
-    ASSERT_EQ(outcomes.size(), 3u);
+    ASSERT_EQ(outcomes.size(), 3U);
     EXPECT_EQ(outcomes[0].describe(), "rc 1, 1 lost");
     EXPECT_EQ(outcomes[1].describe(), "rc 2, 0 lost");
     EXPECT_EQ(outcomes[2].describe(), "rc 0, 0 lost");
@@ -105,7 +107,7 @@ TEST(Memory, what_the_body_releases_after_the_operation_is_not_lost)
         ASSERT_NE(lost, nullptr);
     });
     EXPECT_EQ(outcome.describe(), "rc 0, 1 lost");
-    EXPECT_EQ(outcome.allocations, 2u);
+    EXPECT_EQ(outcome.allocations, 2U);
 }
 
 TEST(Memory, an_assertion_of_a_dependency_is_named_even_without_memory)
@@ -122,14 +124,14 @@ TEST(Memory, a_crash_in_a_sweep_is_an_outcome_with_its_last_words)
         step.run([] {
             void *block = malloc(1);
             if (block == nullptr) {
-                fputs("earlier\nno memory at all\n", stderr);
+                static_cast<void>(fputs("earlier\nno memory at all\n", stderr));
                 abort();
             }
             free(block);
             return 0;
         });
     });
-    ASSERT_EQ(outcomes.size(), 2u);
+    ASSERT_EQ(outcomes.size(), 2U);
     EXPECT_EQ(outcomes[0].died, "Aborted: no memory at all");
     EXPECT_EQ(outcomes[1].died, "");
 }
@@ -140,3 +142,5 @@ TEST(Memory, what_a_body_throws_is_an_outcome_too)
         run_failing(Fail::never, 0, [](Step &) { throw std::runtime_error("no peer"); });
     EXPECT_EQ(outcome.died, "failed: no peer");
 }
+
+// NOLINTEND(clang-analyzer-unix.Malloc)

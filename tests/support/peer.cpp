@@ -186,7 +186,7 @@ void Peer::State::stop()
 Peer::Peer() : state_(std::make_unique<State>())
 {
     // The LDAP library writes to a closed connection without MSG_NOSIGNAL.
-    std::signal(SIGPIPE, SIG_IGN);
+    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
 
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == -1)
@@ -221,7 +221,7 @@ int Peer::session_code() const
     return code;
 }
 
-void Peer::set_timeout(std::chrono::milliseconds wait)
+void Peer::set_timeout(std::chrono::milliseconds wait) const
 {
     timeval limit{};
     limit.tv_sec = wait.count() / 1000;
@@ -300,7 +300,7 @@ bool Peer::quiet()
     return state_->incoming.empty();
 }
 
-Message Peer::result(int msgid)
+Message Peer::result(int msgid) const
 {
     timeval limit{5, 0};
     LDAPMessage *message = nullptr;

@@ -75,7 +75,7 @@ public:
 
     LDAP *ld() const;
     int session_code() const; // the session's result code
-    void set_timeout(std::chrono::milliseconds wait);
+    void set_timeout(std::chrono::milliseconds wait) const;
 
     void respond(const Response &response);
     void respond_intermediate(const std::optional<std::string> &name,
@@ -91,7 +91,7 @@ public:
     // Nothing that was not taken has been sent.
     bool quiet();
     // The next message of this id through ldap_result; throws when none comes.
-    Message result(int msgid);
+    Message result(int msgid) const;
 
 private:
     struct State;

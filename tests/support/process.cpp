@@ -96,6 +96,7 @@ void never_block(const Descriptor &descriptor)
 std::vector<char *> pointers(std::vector<std::string> &strings)
 {
     std::vector<char *> all;
+    all.reserve(strings.size() + 1);
     for (std::string &string : strings)
         all.push_back(string.data());
     all.push_back(nullptr);
@@ -108,12 +109,12 @@ std::vector<std::string> environment_of(const ProcessOptions &options)
     for (char **variable = environ; *variable != nullptr; variable++) {
         std::string entry = *variable;
         std::string name = entry.substr(0, entry.find('='));
-        if (!options.environment.count(name) &&
+        if (!options.environment.contains(name) &&
             std::find(options.unset.begin(), options.unset.end(), name) == options.unset.end())
             all.push_back(entry);
     }
     for (const auto &[name, value] : options.environment)
-        all.push_back(name + "=" + value);
+        all.push_back(std::string(name).append("=").append(value));
     return all;
 }
 
@@ -133,7 +134,6 @@ struct Child::State {
     // Moves what can be moved until the deadline or until there is something new.
     void transfer(Clock::time_point deadline);
     void write_input();
-    void read_output(Descriptor &from, std::string &to);
     bool ended();
     void kill_group();
 };
@@ -153,8 +153,10 @@ void Child::State::start(const std::vector<std::string> &arguments, const Proces
     std::vector<char *> argv = pointers(argument_strings);
     std::vector<char *> envp = pointers(environment_strings);
 
-    Pipe output, failure;
-    std::optional<Pipe> input, error;
+    Pipe output;
+    Pipe failure; // carries errno when the program cannot be started
+    std::optional<Pipe> input;
+    std::optional<Pipe> error;
     std::optional<Terminal> tty;
     if (terminal) {
         tty.emplace();
@@ -176,7 +178,7 @@ void Child::State::start(const std::vector<std::string> &arguments, const Proces
         setsid(); // its own group, and no terminal but the one it may be given
         if (terminal)
             ioctl(tty->slave.get(), TIOCSCTTY, 0);
-        std::signal(SIGPIPE, SIG_DFL);
+        static_cast<void>(std::signal(SIGPIPE, SIG_DFL));
         for (int fd = 0; fd < 3; fd++)
             if (dup2(standard[fd], fd) == -1)
                 _exit(127);
@@ -204,7 +206,8 @@ void Child::State::start(const std::vector<std::string> &arguments, const Proces
     }
     never_block(out);
     never_block(err);
-    std::signal(SIGPIPE, SIG_IGN); // a child that does not read its input is no reason to die
+    static_cast<void>(
+        std::signal(SIGPIPE, SIG_IGN)); // a child that does not read its input is no reason to die
     write_input();
 }
 
@@ -224,7 +227,9 @@ void Child::State::write_input()
         in.reset();
 }
 
-void Child::State::read_output(Descriptor &from, std::string &to)
+namespace {
+
+void read_output(Descriptor &from, std::string &to)
 {
     char buffer[65536];
     while (from.open()) {
@@ -237,6 +242,8 @@ void Child::State::read_output(Descriptor &from, std::string &to)
             from.reset(); // a terminal whose program has ended answers EIO
     }
 }
+
+} // namespace
 
 void Child::State::transfer(Clock::time_point deadline)
 {

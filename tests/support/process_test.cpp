@@ -24,7 +24,9 @@ Finished shell(const std::string &script, const ProcessOptions &options = {})
 bool runs(pid_t process)
 {
     std::ifstream stat("/proc/" + std::to_string(process) + "/stat");
-    std::string pid, name, state;
+    std::string pid;
+    std::string name;
+    std::string state;
     return stat >> pid >> name >> state && state != "Z";
 }
 

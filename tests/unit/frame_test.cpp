@@ -31,9 +31,9 @@ TEST(ResultCodes, of_the_library_have_a_text_that_is_not_the_one_of_an_unknown_c
         ASSERT_NE(ldapx_err2string(code), nullptr);
         texts.insert(ldapx_err2string(code));
     }
-    EXPECT_EQ(texts.size(), 6u);
-    EXPECT_EQ(texts.count(""), 0u);
-    EXPECT_EQ(texts.count(unknown), 0u);
+    EXPECT_EQ(texts.size(), 6U);
+    EXPECT_FALSE(texts.contains(""));
+    EXPECT_FALSE(texts.contains(unknown));
     EXPECT_STREQ(ldapx_err2string(LDAPX_ENCODING_ERROR), "Encoding error");
     EXPECT_STREQ(ldapx_err2string(LDAPX_DECODING_ERROR), "Decoding error");
     EXPECT_STREQ(ldapx_err2string(LDAPX_NO_MEMORY), "Out of memory");
@@ -44,7 +44,7 @@ TEST(ResultCodes, of_servers_and_of_the_ldap_library_keep_the_ldap_library_s_tex
     const std::set<int> own = {LDAPX_ENCODING_ERROR, LDAPX_DECODING_ERROR, LDAPX_PARAM_ERROR,
                                LDAPX_NO_MEMORY, LDAPX_NOT_SUPPORTED};
     for (int code = -30; code < 200; code++)
-        if (own.count(code) == 0) {
+        if (!own.contains(code)) {
             ASSERT_NE(ldapx_err2string(code), nullptr) << code;
             EXPECT_STREQ(ldapx_err2string(code), ldap_err2string(code)) << code;
         }
@@ -153,7 +153,8 @@ TEST(Catalogue, uses_no_oid_twice)
 
 TEST(Catalogue, of_the_header_holds_these_names_and_no_others)
 {
-    std::set<std::string> expected, defined;
+    std::set<std::string> expected;
+    std::set<std::string> defined;
     for (const Name &name : catalogue)
         expected.insert(name.macro);
     std::ifstream header(LDAPX_HEADER);

@@ -56,6 +56,11 @@ struct CountFunction {
     int number;
 };
 
+inline void PrintTo(const CountFunction &function, std::ostream *out)
+{
+    *out << function.name; // and not the record's bytes, some of which are padding
+}
+
 inline const std::vector<FlaggedFunction> flagged = {
     {"ldap_split_partition", ldap_split_partition, 3},
     {"ldap_create_naming_context", ldap_create_naming_context, 3},
@@ -79,8 +84,11 @@ inline const std::vector<CountFunction> count = {
 inline std::vector<Operation> operations()
 {
     using namespace support;
-    static char dn[] = "o=x", server[] = "cn=s", context[] = "o=lost";
+    static char dn[] = "o=x";
+    static char server[] = "cn=s";
+    static char context[] = "o=lost";
     std::vector<Operation> all;
+    all.reserve(flagged.size() + orphan.size() + count.size());
     for (const auto &[name, function, number] : flagged)
         all.push_back({name, administrative(number), administrative(number + 1),
                        bytes("02 01 00 04 03 6f 3d 78"), "", [f = function](LDAP *ld) {

@@ -150,7 +150,8 @@ TEST_P(PartitionOperation, leaves_the_session_s_result_code_as_the_ldap_library_
     responses.push_back({.code = LDAP_UNWILLING_TO_PERFORM, .name = operation.response});
     responses.push_back({.name = operation.response, .value = "\x04"});
     for (const Response &response : responses) {
-        Peer bare, peer;
+        Peer bare;
+        Peer peer;
         for (Peer *each : {&bare, &peer}) {
             int marked = LDAP_ALIAS_PROBLEM;
             ldap_set_option(each->ld(), LDAP_OPT_RESULT_CODE, &marked);
@@ -165,7 +166,8 @@ TEST_P(PartitionOperation, leaves_the_session_s_result_code_as_the_ldap_library_
 TEST_P(PartitionOperation, returns_the_ldap_library_s_own_failures_unchanged)
 {
     auto both = [this](auto prepare) {
-        Peer bare, peer;
+        Peer bare;
+        Peer peer;
         prepare(bare);
         prepare(peer);
         Bare expected = bare_exchange(bare, operation);
@@ -191,7 +193,8 @@ TEST_P(PartitionOperation, returns_the_ldap_library_s_own_failures_unchanged)
 TEST_P(PartitionOperation, treats_a_response_cut_at_any_byte_as_the_ldap_library_does)
 {
     for (const std::string &cut : cuts(extended_response(1, success()))) {
-        Peer bare, peer;
+        Peer bare;
+        Peer peer;
         for (Peer *each : {&bare, &peer}) {
             each->send(cut);
             each->finish();
@@ -235,8 +238,9 @@ TEST(PartitionRequest, flags_are_sent_as_the_shortest_integer_of_their_value)
 
 TEST(PartitionRequest, names_of_every_length_are_sent_whole)
 {
-    for (std::size_t length : {0u, 1u, 127u, 128u, 255u, 256u, 65535u, 65536u, 1u << 20}) {
-        std::string name(length, 'n'), expected = octets(name);
+    for (std::size_t length : {0U, 1U, 127U, 128U, 255U, 256U, 65535U, 65536U, 1U << 20}) {
+        std::string name(length, 'n');
+        std::string expected = octets(name);
         auto request_value = [&](int number, auto call) {
             Peer peer;
             peer.read_ahead();
@@ -305,12 +309,12 @@ Counted count_entries(partition::Count function, const Response &response,
 
 class EntryCount : public testing::TestWithParam<partition::CountFunction> {
 protected:
-    Counted answer(const std::optional<std::string> &value, unsigned long before = untouched)
+    static Counted answer(const std::optional<std::string> &value, unsigned long before = untouched)
     {
         return count_entries(GetParam().function, {.name = administrative(14), .value = value},
                              before);
     }
-    void expect_undecodable(const std::string &value)
+    static void expect_undecodable(const std::string &value)
     {
         Counted counted = answer(value);
         EXPECT_EQ(counted.rc, LDAPX_ENCODING_ERROR) << hex(value);
@@ -325,7 +329,7 @@ INSTANTIATE_TEST_SUITE_P(, EntryCount, testing::ValuesIn(partition::count),
 
 TEST_P(EntryCount, gives_the_number_that_the_server_sent)
 {
-    for (unsigned long entries : {0ul, 1ul, 127ul, 128ul, 65535ul, 1000000ul, 2147483647ul}) {
+    for (unsigned long entries : {0UL, 1UL, 127UL, 128UL, 65535UL, 1000000UL, 2147483647UL}) {
         Counted counted = answer(integer(static_cast<long long>(entries)), 0);
         EXPECT_EQ(counted.rc, LDAP_SUCCESS);
         EXPECT_EQ(counted.count, entries);
@@ -347,9 +351,9 @@ TEST_P(EntryCount, stores_four_bytes_and_leaves_the_others_as_the_caller_set_the
 
 TEST_P(EntryCount, reads_integers_in_longer_forms_than_necessary)
 {
-    EXPECT_EQ(answer(bytes("02 04 00 00 00 07"), 0).count, 7u);
-    EXPECT_EQ(answer(bytes("02 81 01 07"), 0).count, 7u);
-    EXPECT_EQ(answer(bytes("02 84 00 00 00 01 07"), 0).count, 7u);
+    EXPECT_EQ(answer(bytes("02 04 00 00 00 07"), 0).count, 7U);
+    EXPECT_EQ(answer(bytes("02 81 01 07"), 0).count, 7U);
+    EXPECT_EQ(answer(bytes("02 84 00 00 00 01 07"), 0).count, 7U);
 }
 
 TEST_P(EntryCount, reads_the_first_element_and_nothing_behind_it)
@@ -357,7 +361,7 @@ TEST_P(EntryCount, reads_the_first_element_and_nothing_behind_it)
     for (const char *rest : {"02 01 05", "04", "ff ff ff", "30 84 ff ff ff ff"}) {
         Counted counted = answer(integer(9) + bytes(rest), 0);
         EXPECT_EQ(counted.rc, LDAP_SUCCESS);
-        EXPECT_EQ(counted.count, 9u);
+        EXPECT_EQ(counted.count, 9U);
     }
 }
 
@@ -452,7 +456,8 @@ TEST(Sessions, on_two_threads_do_not_disturb_each_other)
         }
         EXPECT_TRUE(peer.quiet());
     };
-    std::thread first(work, 1), second(work, 2);
+    std::thread first(work, 1);
+    std::thread second(work, 2);
     first.join();
     second.join();
 }
