@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include <ldap.h>
+#include "ldapx.h"
 
 namespace support {
 
@@ -59,6 +59,46 @@ private:
     struct Arrays;
     std::unique_ptr<Arrays> arrays_;
 };
+
+// One record of a batch.
+class Record {
+public:
+    Record(int operation, std::string dn, ControlList controls = std::nullopt)
+        : dn_(std::move(dn)), controls_(std::move(controls))
+    {
+        record_.operation = operation;
+        record_.dn = dn_.data();
+        record_.ServerControls = controls_.get();
+    }
+    Record(const Record &) = delete;
+    Record &operator=(const Record &) = delete;
+    ~Record() = default;
+
+    LBURPUpdateOperationList *get()
+    {
+        return &record_;
+    }
+    void carry(Changes &changes)
+    {
+        record_.value.attrs = changes.get();
+    }
+    void carry(char *new_rdn)
+    {
+        record_.value.newRDN = new_rdn;
+    }
+
+private:
+    std::string dn_;
+    Controls controls_;
+    LBURPUpdateOperationList record_{};
+};
+
+// The array that the request takes.
+template <class... Records>
+std::vector<LBURPUpdateOperationList *> batch_of(Records &...records)
+{
+    return {records.get()..., nullptr};
+}
 
 // What is sent. Constructed elements have their lengths in this many bytes: liblber keeps four
 // for each of them unless it writes DER, which is width 0.

@@ -19,47 +19,6 @@ namespace {
 
 constexpr int untouched = -4711;
 
-// One record of a batch.
-class Record {
-public:
-    Record(int operation, std::string dn, ControlList controls = std::nullopt)
-        : dn_(std::move(dn)), controls_(std::move(controls))
-    {
-        record_.operation = operation;
-        record_.dn = dn_.data();
-        record_.ServerControls = controls_.get();
-    }
-    Record(const Record &) = delete;
-    Record &operator=(const Record &) = delete;
-    ~Record() = default;
-
-    LBURPUpdateOperationList *get()
-    {
-        return &record_;
-    }
-    Record &with(Changes &changes)
-    {
-        record_.value.attrs = changes.get();
-        return *this;
-    }
-    Record &with(char *new_rdn)
-    {
-        record_.value.newRDN = new_rdn;
-        return *this;
-    }
-
-private:
-    std::string dn_;
-    Controls controls_;
-    LBURPUpdateOperationList record_{};
-};
-
-template <class... Records>
-std::vector<LBURPUpdateOperationList *> batch_of(Records &...records)
-{
-    return {records.get()..., nullptr};
-}
-
 Request sent_batch(int number, std::vector<LBURPUpdateOperationList *> batch)
 {
     Peer peer;
@@ -491,9 +450,9 @@ TEST(LburpBatch, holds_the_operations_flat_in_the_order_of_the_array)
     Record modify(LDAP_REQ_MODIFY, "cn=a,o=x");
     Record rename(LDAP_REQ_MODDN, "cn=a,o=x");
     Record remove(LDAP_REQ_DELETE, "cn=b,o=x", controls);
-    add.with(person);
-    modify.with(change);
-    rename.with(rdn);
+    add.carry(person);
+    modify.carry(change);
+    rename.carry(rdn);
 
     const Batch wire;
     EXPECT_EQ(sent_batch(3, batch_of(add, modify, rename, remove)).value,
@@ -507,7 +466,7 @@ TEST(LburpBatch, sends_a_rename_s_new_rdn_again_in_the_place_of_the_new_superior
 {
     char rdn[] = "cn=b";
     Record record(LDAP_REQ_MODDN, "cn=a");
-    record.with(rdn);
+    record.carry(rdn);
     EXPECT_EQ(sent_batch(1, batch_of(record)).value, bytes("30 84 00 00 00 24"
                                                            "   02 01 01"
                                                            "   30 84 00 00 00 1b"
@@ -530,7 +489,7 @@ TEST(LburpBatch, keeps_the_old_rdn_only_where_the_new_one_s_address_ends_in_32_z
     char *rdn = static_cast<char *>(page);
     std::strcpy(rdn, "cn=b");
     Record record(LDAP_REQ_MODDN, "cn=a");
-    record.with(rdn);
+    record.carry(rdn);
     EXPECT_EQ(sent_batch(1, batch_of(record)).value,
               Batch().request(1, Batch().rename("cn=a", "cn=b", false, "cn=b")));
     munmap(page, 4096);
