@@ -62,6 +62,7 @@ int run(int argc, char **argv, const std::vector<Ratio> &ratios)
                                           "--benchmark_enable_random_interleaving=true"};
     arguments.insert(arguments.end(), argv + 1, argv + argc);
     std::vector<char *> pointers;
+    pointers.reserve(arguments.size());
     for (std::string &argument : arguments)
         pointers.push_back(argument.data());
     int count = static_cast<int>(pointers.size());

@@ -26,18 +26,21 @@ struct ChunkList {
 
 constexpr std::size_t numberSize = 512;
 
+// The number at the start of a text, 0 where there is none or no text; larger ones keep their low
+// 32 bits.
+ber_int_t number_in(const char *text) noexcept
+{
+    return text != nullptr ? static_cast<ber_int_t>(std::strtol(text, nullptr, 10)) : 0;
+}
+
 // Reads the marks, cutting the caller's string at each '+' that ends one; callers expect it to
 // read as its mts alone afterwards. A mark that is missing, no number or 0 is refused: 0 is what
 // a first backup sends.
 bool read_marks(char *state, Marks &marks) noexcept
 {
     char *rest = nullptr;
-    const char *mts = strtok_r(state, "+", &rest);
-    const char *revision = mts != nullptr ? strtok_r(nullptr, "+", &rest) : nullptr;
-    if (mts != nullptr)
-        marks.mts = static_cast<ber_int_t>(std::atol(mts));
-    if (revision != nullptr)
-        marks.revision = std::atoi(revision);
+    marks.mts = number_in(strtok_r(state, "+", &rest));
+    marks.revision = number_in(strtok_r(nullptr, "+", &rest));
     return marks.mts != 0 && marks.revision != 0;
 }
 
@@ -153,11 +156,11 @@ int encode_chunk_table(CallFrame &call, char *chunckSize) noexcept
         return -1;
     char *rest = nullptr;
     const char *token = chunckSize != nullptr ? strtok_r(chunckSize, ";", &rest) : nullptr;
-    ber_printf(call.requestber, "{i[", token != nullptr ? std::atoi(token) : 0);
+    ber_printf(call.requestber, "{i[", number_in(token));
     while (token != nullptr && call.err == LDAP_SUCCESS) {
         token = strtok_r(nullptr, ";", &rest);
         if (token != nullptr)
-            encode(call, "{i}", std::atoi(token));
+            encode(call, "{i}", number_in(token));
     }
     return call.err == LDAP_SUCCESS ? ber_printf(call.requestber, "]}") : -1;
 }
@@ -214,7 +217,7 @@ int ldap_backup_object(LDAP *ld, const char *dn, const char *passwd, char **obje
     release(call);
     ldapx_memfree(list.text);
     ldap_memfree(data.bv_val);
-    ldapx_memfree(list.number);
+    ldapx_memfree(list.number); // NOLINT(clang-analyzer-unix.Malloc): the list that was lost
     store_result(ld, call.err);
     return call.err;
 }
