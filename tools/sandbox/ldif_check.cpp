@@ -111,6 +111,11 @@ Pair split(const std::string &path, const Line &line)
     return pair;
 }
 
+bool begins_entry(const Line &line)
+{
+    return strncasecmp(line.text.c_str(), "dn:", 3) == 0;
+}
+
 bool is(const Pair &pair, const char *name)
 {
     return strcasecmp(pair.name.c_str(), name) == 0;
@@ -118,9 +123,9 @@ bool is(const Pair &pair, const char *name)
 
 } // namespace
 
-std::string check_ldif(const std::string &path)
+LdifFile check_ldif(const std::string &path)
 {
-    std::string first_dn;
+    LdifFile file{path, {}, 0};
     bool in_record = false;
     bool anything = false;
     for_each_line(path, [&](const Line &line) {
@@ -139,6 +144,7 @@ std::string check_ldif(const std::string &path)
         if (!anything && is(pair, "version")) {
             if (pair.value != "1")
                 throw CannotStart(where + "version " + pair.value + " is not known");
+            file.version_line = line.number;
             anything = true;
             return;
         }
@@ -148,13 +154,37 @@ std::string check_ldif(const std::string &path)
                               ":\"");
         if (!normalised_dn(pair.value))
             throw CannotStart(where + "not a distinguished name: " + pair.value);
-        if (first_dn.empty())
-            first_dn = pair.value;
+        if (file.first_dn.empty())
+            file.first_dn = pair.value;
         in_record = true;
     });
-    if (first_dn.empty())
+    if (file.first_dn.empty())
         throw CannotStart(path + ": there is no entry in it");
-    return first_dn;
+    return file;
+}
+
+void copy_without_version(const LdifFile &file, const std::filesystem::path &copy)
+{
+    std::filesystem::copy_file(file.path, copy);
+    std::fstream stream(copy, std::ios::in | std::ios::out | std::ios::binary);
+    std::string skipped;
+    for (std::size_t i = 1; i < file.version_line; ++i)
+        std::getline(stream, skipped);
+    stream.seekp(stream.tellg());
+    stream.put('#');
+    stream.close();
+    if (!stream)
+        throw CannotStart("cannot write " + copy.string());
+}
+
+std::size_t entry_line(const std::string &path, std::size_t from)
+{
+    std::size_t found = 0;
+    for_each_line(path, [&](const Line &line) {
+        if (found == 0 && line.number >= from && begins_entry(line))
+            found = line.number;
+    });
+    return found;
 }
 
 std::size_t first_line_below(const std::string &path, const std::string &dn)
@@ -162,7 +192,7 @@ std::size_t first_line_below(const std::string &path, const std::string &dn)
     const std::string tail = "," + normalised_dn(dn).value_or(dn);
     std::size_t found = 0;
     for_each_line(path, [&](const Line &line) {
-        if (found != 0 || strncasecmp(line.text.c_str(), "dn:", 3) != 0)
+        if (found != 0 || !begins_entry(line))
             return;
         const std::string name = normalised_dn(split(path, line).value).value_or("");
         if (name.size() > tail.size() &&

@@ -29,10 +29,11 @@ namespace {
 struct Options {
     std::uint16_t port = 0;
     std::vector<std::string> addresses = {"127.0.0.1"};
-    std::string ldif;
+    LdifFile ldif;
     std::string base;
     std::size_t entries = 1200;
     std::string admin_dn;
+    std::string admin_password = "secret";
     std::string admin_password_file;
     std::vector<std::string> schema_files;
     std::string slapd = "slapd";
@@ -82,7 +83,7 @@ void add_options(CLI::App &app, Options &options)
     app.add_option("--address", options.addresses,
                    "Loopback address to listen on, such as ::1; may be given several times")
         ->capture_default_str();
-    app.add_option("--ldif", options.ldif, "Load this LDIF file instead of the sample tree");
+    app.add_option("--ldif", options.ldif.path, "Load this LDIF file instead of the sample tree");
     app.add_option("--base", options.base,
                    "Naming context [dc=example,dc=com, or the first entry of --ldif]");
     app.add_option("--entries", options.entries, "Size of the sample tree")
@@ -113,20 +114,21 @@ std::string first_line(const std::string &path)
 }
 
 // What was left out is filled in; CLI::ValidationError for what does not fit together.
-std::string complete(Options &options)
+void complete(Options &options)
 {
+    if (!options.ldif.path.empty())
+        options.ldif = check_ldif(options.ldif.path);
     if (options.base.empty())
-        options.base = options.ldif.empty() ? "dc=example,dc=com" : check_ldif(options.ldif);
+        options.base = options.ldif.path.empty() ? "dc=example,dc=com" : options.ldif.first_dn;
     else if (!normalised_dn(options.base))
         throw CLI::ValidationError("--base", "not a distinguished name: " + options.base);
-    else if (!options.ldif.empty())
-        check_ldif(options.ldif);
     if (options.admin_dn.empty())
         options.admin_dn = "cn=admin," + options.base;
     if (!lies_within(options.admin_dn, options.base))
         throw CLI::ValidationError("--admin-dn",
                                    options.admin_dn + " does not lie below " + options.base);
-    return options.admin_password_file.empty() ? "secret" : first_line(options.admin_password_file);
+    if (!options.admin_password_file.empty())
+        options.admin_password = first_line(options.admin_password_file);
 }
 
 void listen(Gateway &gateway, const Options &options)
@@ -151,114 +153,143 @@ void listen(Gateway &gateway, const Options &options)
     }
 }
 
-std::string fill(Slapd &slapd, const TemporaryDirectory &directory, const Options &options)
+void announce(const Gateway &gateway, const Options &options)
 {
-    if (!options.ldif.empty()) {
-        slapd.load(options.ldif);
-        return options.ldif;
-    }
-    const std::string path = directory.path() / "sample.ldif";
-    std::ofstream file(path);
-    write_sample_tree(file, options.base, options.entries);
-    file.close();
-    if (!file)
-        throw CannotStart("cannot write " + path);
-    slapd.load(path);
-    std::filesystem::remove(path);
-    return "a sample tree of " + std::to_string(options.entries) + " entries";
-}
-
-std::size_t map_size(const Options &options)
-{
-    const std::size_t content =
-        options.ldif.empty() ? options.entries * 1024 : std::filesystem::file_size(options.ldif);
-    return (std::size_t{1} << 30) + 16 * content;
-}
-
-void announce(const Gateway &gateway, const Options &options, const std::string &password,
-              const std::string &content)
-{
+    const std::string content =
+        options.ldif.path.empty()
+            ? "a sample tree of " + std::to_string(options.entries) + " entries"
+            : options.ldif.path;
     for (const std::string &url : gateway.urls())
         std::cout << "listening on " << url << "\n";
     std::cout << "base:          " << options.base << " (" << content << ")\n"
               << "administrator: " << options.admin_dn << "\n"
               << "password:      "
-              << (options.admin_password_file.empty() ? password
+              << (options.admin_password_file.empty() ? options.admin_password
                                                       : "in " + options.admin_password_file)
               << std::endl;
 }
 
-int run(Options options)
+std::size_t map_size(const Options &options)
 {
-    const std::string password = complete(options);
-    const Signals signals;
-    asio::io_context loop;
-    const TemporaryDirectory temporary;
+    const std::size_t content = options.ldif.path.empty()
+                                    ? options.entries * 1024
+                                    : std::filesystem::file_size(options.ldif.path);
+    return (std::size_t{1} << 30) + 16 * content;
+}
 
-    Directory directory(loop);
-    Partitions partitions(loop, directory, options.base,
-                          std::chrono::milliseconds(options.operation_delay));
-    Operations operations;
-    partitions.offer(operations);
+// The parts of a running sandbox, in the order in which they need one another: what is destroyed
+// last is what everything else stands on.
+class Sandbox {
+public:
+    explicit Sandbox(const Options &options)
+        : options_(options), directory_(loop_),
+          partitions_(loop_, directory_, options.base,
+                      std::chrono::milliseconds(options.operation_delay)),
+          service_{operations_, options.max_message, {}},
+          gateway_(loop_, service_, temporary_.path() / "ldapi"),
+          wakeup_(loop_, dup(signals_.descriptor()))
+    {
+        partitions_.offer(operations_);
+        if (options.verbose)
+            service_.log = [](const std::string &line) {
+                std::cout << line << std::endl;
+            };
+    }
 
-    Service service{operations, options.max_message, {}};
-    if (options.verbose)
-        service.log = [](const std::string &line) {
-            std::cout << line << std::endl;
-        };
-    Gateway gateway(loop, service, temporary.path() / "ldapi");
-    listen(gateway, options);
+    // Returns when a signal asks for it; CannotStart when it cannot go on.
+    void run();
 
-    Slapd slapd({options.slapd, options.base, options.admin_dn, password, options.schema_files,
-                 operations.names(), options.max_message, map_size(options)},
-                temporary, signals);
-    const std::string content = fill(slapd, temporary, options);
-    slapd.start();
+private:
+    void fill();
+    void connect();
+    void watch_signals();
+    void fail(const std::string &reason);
 
-    std::optional<std::string> failure;
-    const auto fail = [&](const std::string &reason) {
-        failure = reason;
-        loop.stop();
-    };
-    const auto lost = [&] {
-        fail("slapd has ended: " + slapd.last_words());
-    };
-    directory.connect(
-        slapd.socket(), options.admin_dn, password,
-        [&](const Result &bound) {
-            if (!bound.ok())
-                return fail("slapd refuses the administrator: " + bound.diagnostic);
-            partitions.mark_base([&](const Result &marked) {
-                if (!marked.ok())
-                    return fail("cannot make " + options.base +
-                                " the root of a partition: " + marked.diagnostic);
-                gateway.listen();
-                announce(gateway, options, password, content);
-            });
-        },
-        lost);
+    Options options_;
+    Signals signals_;
+    asio::io_context loop_;
+    TemporaryDirectory temporary_;
+    Directory directory_;
+    Operations operations_;
+    Partitions partitions_;
+    Service service_;
+    Gateway gateway_;
+    std::optional<Slapd> slapd_;
+    asio::posix::stream_descriptor wakeup_;
+    std::optional<std::string> failure_;
+};
 
-    asio::posix::stream_descriptor wakeup(loop, dup(signals.descriptor()));
-    std::function<void(std::error_code)> signalled = [&](std::error_code) {
-        while (const int signal = signals.wait(0)) {
-            if (Signals::means_stop(signal))
-                return loop.stop();
-            if (slapd.has_ended())
-                return lost();
-        }
-        wakeup.async_wait(asio::posix::stream_descriptor::wait_read, signalled);
-    };
-    wakeup.async_wait(asio::posix::stream_descriptor::wait_read, signalled);
-    loop.run();
+void Sandbox::run()
+{
+    listen(gateway_, options_);
+    slapd_.emplace(SlapdSettings{options_.slapd, options_.base, options_.admin_dn,
+                                 options_.admin_password, options_.schema_files,
+                                 operations_.names(), options_.max_message, map_size(options_)},
+                   temporary_, signals_);
+    fill();
+    slapd_->start();
+    watch_signals();
+    connect();
+    loop_.run();
 
     // Tell the clients, and give the words a moment to leave.
-    gateway.stop();
-    directory.close();
-    loop.restart();
-    loop.run_for(std::chrono::milliseconds(100));
-    if (failure)
-        throw CannotStart(*failure);
-    return 0;
+    gateway_.stop();
+    directory_.close();
+    loop_.restart();
+    loop_.run_for(std::chrono::milliseconds(100));
+    if (failure_)
+        throw CannotStart(*failure_);
+}
+
+void Sandbox::fill()
+{
+    if (!options_.ldif.path.empty())
+        return slapd_->load(options_.ldif);
+    const std::string path = temporary_.path() / "sample.ldif";
+    std::ofstream file(path);
+    write_sample_tree(file, options_.base, options_.entries);
+    file.close();
+    if (!file)
+        throw CannotStart("cannot write " + path);
+    slapd_->load({path, options_.base, 0});
+    std::filesystem::remove(path);
+}
+
+void Sandbox::connect()
+{
+    directory_.connect(
+        slapd_->socket(), options_.admin_dn, options_.admin_password,
+        [this](const Result &bound) {
+            if (!bound.ok())
+                return fail("slapd refuses the administrator: " + bound.diagnostic);
+            partitions_.mark_base([this](const Result &marked) {
+                if (!marked.ok())
+                    return fail("cannot make " + options_.base +
+                                " the root of a partition: " + marked.diagnostic);
+                gateway_.listen();
+                announce(gateway_, options_);
+            });
+        },
+        [this] { fail("slapd has ended: " + slapd_->last_words()); });
+}
+
+void Sandbox::watch_signals()
+{
+    wakeup_.async_wait(asio::posix::stream_descriptor::wait_read, [this](std::error_code) {
+        while (const int signal = signals_.wait(0)) {
+            if (Signals::means_stop(signal))
+                return loop_.stop();
+            if (slapd_->has_ended())
+                return fail("slapd has ended: " + slapd_->last_words());
+        }
+        watch_signals();
+    });
+}
+
+void Sandbox::fail(const std::string &reason)
+{
+    failure_ = reason;
+    loop_.stop();
 }
 
 } // namespace
@@ -272,7 +303,9 @@ int main(int argc, char **argv)
     sandbox::add_options(app, options);
     try {
         app.parse(argc, argv);
-        return sandbox::run(options);
+        sandbox::complete(options);
+        sandbox::Sandbox(options).run();
+        return 0;
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? 0 : sandbox::wrong_usage;
     } catch (const sandbox::Interrupted &) {

@@ -210,9 +210,10 @@ void Partitions::begin(std::shared_ptr<Call> call, Kind kind, const Target &targ
     running_.push_back(process);
 
     const bool at_once = duration_ == std::chrono::milliseconds::zero();
-    const std::vector<Change> changes = kind == Kind::split ? mark(at_once ? "on" : "splitting")
-                                        : at_once           ? unmark()
-                                                            : set_state("merging");
+    const char *state = at_once ? "on" : kind == Kind::split ? "splitting" : "merging";
+    const std::vector<Change> changes = kind == Kind::merge && at_once ? unmark()
+                                        : target.state.empty()         ? mark(state)
+                                                                       : set_state(state);
     directory_.modify(call->identity(), target.dn, changes,
                       [this, call, process, target, at_once](const Result &result) {
                           if (result.ok() && !at_once) {

@@ -1,7 +1,6 @@
 #include "slapd.h"
 
 #include "dn.h"
-#include "ldif_check.h"
 #include "schema.h"
 
 #include <regex>
@@ -73,7 +72,7 @@ std::string loading_error(const std::string &ldif, const std::string &output)
 {
     std::smatch found;
     const auto at = [&](const std::string &line, const std::string &reason) {
-        return ldif + ":" + line + ": " + reason;
+        return ldif + ":" + std::to_string(entry_line(ldif, std::stoul(line))) + ": " + reason;
     };
     static const std::regex missing("entries missing!\\s+entry \\d+: (.*)");
     static const std::regex refused(R"re(slapadd: dn="(.*)" \(line=(\d+)\): (?:\(\d+\) )?(.*))re");
@@ -192,12 +191,18 @@ std::string Slapd::access_rules() const
     return rules.str();
 }
 
-void Slapd::load(const std::string &ldif)
+void Slapd::load(const LdifFile &ldif)
 {
+    std::string file = ldif.path;
+    if (ldif.version_line > 0) {
+        file = directory_ / "copy.ldif";
+        copy_without_version(ldif, file);
+    }
     const std::filesystem::path output = directory_ / "slapadd.log";
-    Child slapadd({program_, "-T", "add", "-q", "-f", configuration(), "-l", ldif}, output);
+    Child slapadd({program_, "-T", "add", "-q", "-f", configuration(), "-l", file}, output);
     if (slapadd.wait(signals_) != 0)
-        throw CannotStart(loading_error(ldif, read_file(output)));
+        throw CannotStart(loading_error(ldif.path, read_file(output)));
+    std::filesystem::remove(directory_ / "copy.ldif");
 }
 
 void Slapd::start()

@@ -1,6 +1,7 @@
 // The private slapd that holds the tree: its configuration, its first content, its process.
 #pragma once
 
+#include "ldif_check.h"
 #include "process.h"
 
 #include <memory>
@@ -28,7 +29,7 @@ public:
     Slapd(SlapdSettings settings, const TemporaryDirectory &directory, const Signals &signals);
 
     // Fills the empty tree. CannotStart with file, line and reason when slapd refuses an entry.
-    void load(const std::string &ldif);
+    void load(const LdifFile &ldif);
     // Returns when slapd takes connections.
     void start();
     bool has_ended();
