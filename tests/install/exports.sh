@@ -34,13 +34,15 @@ sed -n '/global:/,/local:/s/^ *\([A-Za-z_][A-Za-z0-9_]*\);$/\1/p' "$map" | sort 
 same kept mapped "exports.txt and the link map differ"
 
 # Taking the address of a name that no header declares does not compile.
-for header in "$INCLUDE"/*.h; do
-    echo "#include <$(basename "$header")>"
-done >declared.c
-echo 'typedef void (*function)(void);' >>declared.c
-echo 'const function functions[] = {' >>declared.c
-sed 's/.*/    (function)&,/' kept >>declared.c
-echo '};' >>declared.c
+{
+    for header in "$INCLUDE"/*.h; do
+        echo "#include <$(basename "$header")>"
+    done
+    echo 'typedef void (*function)(void);'
+    echo 'const function functions[] = {'
+    sed 's/.*/    (function)&,/' kept
+    echo '};'
+} >declared.c
 if ! "$CC" -std=c11 -fsyntax-only -I "$INCLUDE" declared.c 2>errors; then
     grep 'undeclared' errors || cat errors
     failed=1

@@ -24,18 +24,24 @@ try() {
     fi
 }
 
-c=$(cd "$INCLUDE" && ls | grep '\.h$')
-reversed=$(echo "$c" | sort -r)
-for header in $c; do
+cxx_headers=$(cd "$INCLUDE" && find . -name '*.hpp' | sed 's,^\./,,' | sort)
+cd "$INCLUDE"
+set -- *.h
+cd "$scratch"
+for header; do
     try "$cc" c11 alone.c "$header"
     try "$cxx" c++17 alone.cpp "$header"
 done
-# shellcheck disable=SC2086
-try "$cc" c11 all.c $c
-try "$cc" c11 all.c $reversed
-try "$cxx" c++17 all.cpp $reversed $c
-for header in $(cd "$INCLUDE" && ls | grep '\.hpp$' || true); do
-    try "$cxx" c++20 alone.cpp "$header"
-    try "$cxx" c++20 all.cpp $c "$header" "$header"
+# Together, in both orders, each twice.
+for order in sort 'sort -r'; do
+    # shellcheck disable=SC2046
+    set -- $(printf '%s\n' "$@" | $order)
+    try "$cc" c11 all.c "$@" "$@"
+    try "$cxx" c++17 all.cpp "$@" "$@"
 done
+for header in $cxx_headers; do
+    try "$cxx" c++20 alone.cpp "$header"
+done
+# shellcheck disable=SC2086
+try "$cxx" c++20 all.cpp $cxx_headers "$@" $cxx_headers
 exit $failed

@@ -1,5 +1,5 @@
 # An installed copy serves programs: built with pkg-config, with find_package in C and in C++,
-# shared and static, from a directory that was moved after the installation.
+# shared, static and through the C++ layer, from a directory that was moved after the installation.
 #   sh package.sh cmake BUILD-DIRECTORY VERSION
 set -eu
 cmake=$1 build=$2 version=$3
@@ -15,6 +15,7 @@ prefix=$scratch/prefix
 pc=$(find "$prefix" -name greirige.pc)
 libraries=$(dirname "$(dirname "$pc")")
 for file in "$prefix/include/ldapx.h" "$prefix/include/ldap_events.h" \
+    "$prefix/include/greirige.hpp" \
     "$libraries/libgreirige.so" "$libraries/libgreirige.so.1" "$libraries/libgreirige.a" \
     "$libraries/pkgconfig/greirige.pc" "$libraries/cmake/greirige/greirigeConfig.cmake"; do
     [ -e "$file" ] || {
@@ -40,13 +41,12 @@ export PKG_CONFIG_PATH="$libraries/pkgconfig${PKG_CONFIG_PATH:+:$PKG_CONFIG_PATH
 built pkg-config "$scratch/consumer"
 "$READELF" -d "$scratch/consumer" | grep -q 'NEEDED.*libgreirige\.so\.1'
 
-"$cmake" -S "$HERE/consumer" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$prefix" \
-    -DVERSION="$version" >"$scratch/log" 2>&1 &&
-    "$cmake" --build "$scratch/build" >>"$scratch/log" 2>&1 || {
+if ! { "$cmake" -S "$HERE/consumer" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DVERSION="$version" && "$cmake" --build "$scratch/build"; } >"$scratch/log" 2>&1; then
     cat "$scratch/log"
     exit 1
-}
-for program in consumer_c consumer_cxx consumer_static; do
+fi
+for program in consumer_c consumer_cxx consumer_static consumer_layer; do
     built "$program" "$scratch/build/$program"
 done
 if "$READELF" -d "$scratch/build/consumer_static" | grep 'NEEDED.*libgreirige'; then
