@@ -232,17 +232,20 @@ std::vector<EventKind> make_kinds()
 
 std::string quoted(std::string_view bytes)
 {
-    std::string text = "'";
+    std::string text(1, '\'');
     for (char c : bytes)
-        text += c >= ' ' && c <= '~' ? std::string(1, c) : "\\" + hex(std::string_view(&c, 1));
-    return text + "'";
+        if (c >= ' ' && c <= '~')
+            text += c;
+        else
+            text.append(1, '\\').append(hex(std::string_view(&c, 1)));
+    return text.append(1, '\'');
 }
 
 // A block of so many bytes and a NUL; NULL is what an empty one must be.
 std::string block_text(const char *block, std::size_t size)
 {
     if (block == nullptr)
-        return size == 0 ? "NULL" : "NULL of " + std::to_string(size);
+        return size == 0 ? "NULL" : "NULL of some";
     std::string text = quoted(std::string_view(block, size));
     return block[size] == '\0' ? text : text + " without NUL";
 }
@@ -401,6 +404,7 @@ std::string field_text(const Field &field, const void *record)
 struct Source {
     enum class Mode { full, least, any } mode;
     std::mt19937 *random = nullptr;
+    const Variety *variety = nullptr;
     unsigned made = 0;
 
     unsigned pick(unsigned below)
@@ -411,15 +415,22 @@ struct Source {
     {
         return mode == Mode::full || (mode == Mode::any && pick(3) != 0);
     }
+    unsigned one_of(const std::vector<unsigned> &choices)
+    {
+        return choices[pick(static_cast<unsigned>(choices.size()))];
+    }
     std::string string(const std::string &name)
     {
         ++made;
-        if (mode == Mode::least || (mode == Mode::any && pick(5) == 0))
-            return "";
-        if (mode == Mode::full)
+        switch (mode) {
+        case Mode::full:
             return name + "=" + std::to_string(made) + ",o=x";
-        const unsigned lengths[] = {1, 2, 31, 127, 128, 200, 300};
-        return std::string(lengths[pick(std::size(lengths))], static_cast<char>('a' + pick(26)));
+        case Mode::least:
+            return "";
+        case Mode::any:
+            break;
+        }
+        return std::string(one_of(variety->lengths), static_cast<char>('a' + pick(26)));
     }
     std::string octets(const std::string &name)
     {
@@ -428,10 +439,8 @@ struct Source {
     }
     unsigned natural()
     {
-        const unsigned values[] = {0,      1,      127,        128,        255,       256,
-                                   0x7fff, 0x8000, 0x7fffffff, 0x80000000, 0xfffffffe};
         ++made;
-        return mode == Mode::any ? values[pick(std::size(values))] : 100 + made;
+        return mode == Mode::any ? one_of(variety->numbers) : 100 + made;
     }
     int number()
     {
@@ -529,7 +538,7 @@ Made made_config_value(Source &source, int type)
     case 3:
         return made_string(source.string("text"), 0x84);
     default:
-        return {null().replace(0, 1, "\x85"), "none"};
+        return {element(0x85, ""), "none"};
     }
 }
 
@@ -611,7 +620,7 @@ Made make_field(const Field &field, Source &source, const Choices &choices)
                 list_text(items)};
     }
     case Form::name: {
-        const std::string name = ("m" + source.string(field.name)).substr(0, 31);
+        const std::string name = source.string(field.name).insert(0, 1, 'm').substr(0, 31);
         return {octets(name), quoted(name)};
     }
     case Form::description: {
@@ -1005,9 +1014,9 @@ Sample least_event(const EventKind &kind)
     return make_event(kind, {Source::Mode::least}, {1, {}});
 }
 
-Sample any_event(const EventKind &kind, std::mt19937 &random)
+Sample any_event(const EventKind &kind, std::mt19937 &random, const Variety &variety)
 {
-    Source source{Source::Mode::any, &random};
+    Source source{Source::Mode::any, &random, &variety};
     const int config_types[] = {0, 1, 2, 3, 5};
     Choices choices{config_types[source.pick(5)], {}};
     for (unsigned left = source.count(); left > 0; --left)

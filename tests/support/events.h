@@ -76,8 +76,16 @@ struct Sample {
 Sample full_event(const EventKind &kind);
 // Every optional part is missing and every string empty.
 Sample least_event(const EventKind &kind);
-// Other lengths, other numbers, parts present or not.
-Sample any_event(const EventKind &kind, std::mt19937 &random);
+
+// Numbers and lengths of strings to choose from.
+struct Variety {
+    std::vector<unsigned> numbers = {0,      1,      127,        128,        255,       256,
+                                     0x7fff, 0x8000, 0x7fffffff, 0x80000000, 0xfffffffe};
+    std::vector<unsigned> lengths = {0, 1, 2, 31, 127, 128, 200, 300};
+};
+
+// Any of them, and parts present or not.
+Sample any_event(const EventKind &kind, std::mt19937 &random, const Variety &variety = {});
 
 // INTEGER 1, OCTET STRING "10.0.0.1", and its text.
 std::string trailer_bytes();

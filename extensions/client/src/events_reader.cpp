@@ -66,8 +66,20 @@ void peek_header(EventReader &in) noexcept
     in.length = contents.bv_len;
 }
 
+inline void move_behind(EventReader &in) noexcept
+{
+    if (in.ber == nullptr) {
+        in.position = in.contents + in.length;
+        read_header(in);
+    } else {
+        berval passed{};
+        ber_skip_element(in.ber, &passed);
+        peek_header(in);
+    }
+}
+
 // Two's complement in at most four bytes; none are 0.
-bool decode_number(const EventReader &in, int &number) noexcept
+inline bool decode_number(const EventReader &in, int &number) noexcept
 {
     if (in.length > sizeof number)
         return false;
@@ -79,7 +91,7 @@ bool decode_number(const EventReader &in, int &number) noexcept
 }
 
 // From 2^31 on, in the five bytes that X.690 wants, as well as in four.
-bool decode_number(const EventReader &in, unsigned int &number) noexcept
+inline bool decode_number(const EventReader &in, unsigned int &number) noexcept
 {
     EventReader last_four = in;
     if (in.length == 5 && in.contents[0] == 0 && in.contents[1] >= 0x80) {
@@ -94,23 +106,32 @@ bool decode_number(const EventReader &in, unsigned int &number) noexcept
 }
 
 template <class Number>
-void read_any_number(EventReader &in, Number &number) noexcept
+inline void read_any_number(EventReader &in, Number &number) noexcept
 {
     if (in.err != LDAP_SUCCESS)
         return;
     if (in.tag == no_element || !decode_number(in, number))
         in.err = LDAPX_DECODING_ERROR;
     else
-        pass(in);
+        move_behind(in);
 }
 
-bool carries(EventReader &in, ber_tag_t expectedTag) noexcept
+inline bool carries(EventReader &in, ber_tag_t expectedTag) noexcept
 {
     GREIRIGE_ASSERT(expectedTag == in.tag, "expectedTag == tag");
     if (in.tag == expectedTag && in.tag != no_element)
         return true;
     in.err = LDAPX_DECODING_ERROR;
     return false;
+}
+
+inline void copy_contents(EventReader &in, char *&block) noexcept
+{
+    block = nullptr;
+    if (in.length > 0 && (block = duplicate(in.contents, in.length)) == nullptr)
+        in.err = LDAPX_NO_MEMORY;
+    else
+        move_behind(in);
 }
 
 // { OCTET STRING }, of any tags. NULL ends a list, so an empty string stays a string here. A NUL
@@ -122,13 +143,13 @@ void read_component(EventReader &in, char *&string) noexcept
         return;
     if (in.tag != no_element &&
         (in.length == 0 || std::memchr(in.contents, 0, in.length - 1) == nullptr))
-        string = duplicate(reinterpret_cast<const char *>(in.contents), in.length);
+        string = duplicate(in.contents, in.length);
     // No memory for a component is reported like one that cannot be read: the LDAP library's
     // reader, which callers know, does not tell the two apart.
     if (string == nullptr)
         in.err = LDAPX_DECODING_ERROR;
     else
-        pass(in);
+        move_behind(in);
 }
 
 } // namespace
@@ -172,18 +193,7 @@ void check_count(EventReader &in, int count) noexcept
 
 void pass(EventReader &in) noexcept
 {
-    if (in.err != LDAP_SUCCESS)
-        return;
-    if (in.tag == no_element) {
-        in.err = LDAPX_DECODING_ERROR;
-    } else if (in.ber == nullptr) {
-        in.position = in.contents + in.length;
-        read_header(in);
-    } else {
-        berval passed{};
-        ber_skip_element(in.ber, &passed);
-        peek_header(in);
-    }
+    move_behind(in);
 }
 
 void step_into(EventReader &in) noexcept
@@ -222,19 +232,13 @@ void read_time_stamp(EventReader &in, EVT_TimeStamp &timeStamp) noexcept
 
 void take_contents(EventReader &in, char *&block) noexcept
 {
-    block = nullptr;
-    if (in.length > 0)
-        block = duplicate(reinterpret_cast<const char *>(in.contents), in.length);
-    if (in.length > 0 && block == nullptr)
-        in.err = LDAPX_NO_MEMORY;
-    else
-        pass(in);
+    copy_contents(in, block);
 }
 
 void read_string(EventReader &in, char *&string, ber_tag_t expectedTag) noexcept
 {
     if (in.err == LDAP_SUCCESS && carries(in, expectedTag))
-        take_contents(in, string);
+        copy_contents(in, string);
 }
 
 void read_octets(EventReader &in, char *&octets, ber_len_t &size, ber_tag_t expectedTag) noexcept
@@ -252,11 +256,12 @@ void read_string_sequence(EventReader &in, char **&strings) noexcept
         in.err = LDAPX_DECODING_ERROR;
         return;
     }
-    strings = static_cast<char **>(std::calloc(1, sizeof *strings));
+    strings = static_cast<char **>(std::malloc(sizeof *strings));
     if (strings == nullptr) {
         in.err = LDAPX_NO_MEMORY;
         return;
     }
+    *strings = nullptr;
 
     const ber_len_t length = in.length;
     step_into(in);
@@ -315,11 +320,13 @@ void read_connection(EventReader &in, EVT_ConnectionEventData *&connection) noex
     if (!next_is(in, LBER_SEQUENCE))
         return;
     step_into(in);
-    connection = static_cast<EVT_ConnectionEventData *>(std::calloc(1, sizeof *connection));
-    if (connection == nullptr)
+    connection = static_cast<EVT_ConnectionEventData *>(std::malloc(sizeof *connection));
+    if (connection == nullptr) {
         in.err = LDAPX_NO_MEMORY;
-    else
-        read_fields(in, *connection);
+        return;
+    }
+    *connection = {};
+    read_fields(in, *connection);
 }
 
 void read_fields(EventReader &in, EVT_ConnectionEventData &connection) noexcept

@@ -52,9 +52,11 @@ ber_len_t unread_bytes(const EventReader &in) noexcept;
 void check_count(EventReader &in, int count) noexcept;
 void check_count(EventReader &in, unsigned int count) noexcept;
 
-// On to the next element: behind this one, or the first within its contents, whatever its tag.
-void pass(EventReader &in) noexcept;
+// On to the first element within this one's contents, whatever its tag. Fails where there is none.
 void step_into(EventReader &in) noexcept;
+
+// On to the element behind this one. Only for an element that has been looked at.
+void pass(EventReader &in) noexcept;
 
 // INTEGER, ENUMERATED or any other element in their place. What the field is declared as decides
 // which values it takes.
@@ -65,7 +67,7 @@ void read_number(EventReader &in, unsigned int &number) noexcept;
 void read_time_stamp(EventReader &in, EVT_TimeStamp &timeStamp) noexcept;
 
 // The element's contents as a new NUL-terminated block, NULL when it is empty, whatever its tag.
-// Looks at nothing before: only for an element that has been looked at.
+// Only for an element that has been looked at.
 void take_contents(EventReader &in, char *&block) noexcept;
 
 // The same for a string: the element must carry this tag.

@@ -130,16 +130,6 @@ int stored_result(LDAP *ld) noexcept
     return code;
 }
 
-char *duplicate(const char *bytes, ber_len_t length) noexcept
-{
-    auto *copy = static_cast<char *>(std::malloc(length + 1));
-    if (copy != nullptr) {
-        std::memcpy(copy, bytes, length);
-        copy[length] = '\0';
-    }
-    return copy;
-}
-
 bool same_name(const char *name, const char *expected) noexcept
 {
     return name != nullptr && std::strcmp(name, expected) == 0;

@@ -9,6 +9,9 @@
 
 #include "ldapx.h"
 
+#include <cstdlib>
+#include <cstring>
+
 #ifndef GREIRIGE_ASSERTIONS
 #    define GREIRIGE_ASSERTIONS 1
 #endif
@@ -106,7 +109,15 @@ void store_result(LDAP *ld, int code) noexcept;
 int stored_result(LDAP *ld) noexcept;
 
 // A new NUL-terminated copy of length bytes, NULL when there is no memory for it.
-char *duplicate(const char *bytes, ber_len_t length) noexcept;
+inline char *duplicate(const void *bytes, ber_len_t length) noexcept
+{
+    auto *copy = static_cast<char *>(std::malloc(length + 1));
+    if (copy != nullptr) {
+        std::memcpy(copy, bytes, length);
+        copy[length] = '\0';
+    }
+    return copy;
+}
 
 // Whole strings, terminator included: neither a prefix nor a longer name matches. NULL does not.
 bool same_name(const char *name, const char *expected) noexcept;
