@@ -252,6 +252,8 @@ void release_by_tag(const void *event, ber_tag_t tag) noexcept
 
 void *allocEventData(size_t size, ber_tag_t tag) noexcept
 {
+    if (size > SIZE_MAX - sizeof tag)
+        return nullptr;
     auto *header = static_cast<ber_tag_t *>(std::malloc(sizeof tag + size));
     if (header == nullptr)
         return nullptr;
