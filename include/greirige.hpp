@@ -16,6 +16,7 @@
 //   greirige/result.hpp   Result<T> and Error: what every operation gives back
 //   greirige/session.hpp  Session: the operations that are one question and one answer
 //   greirige/events.hpp   EventStream and Event: the server's events as they happen
+//   greirige/bulk.hpp     BulkLoad: a stream of updates in batches
 //
 // Conventions that hold everywhere:
 //
@@ -29,6 +30,7 @@
 // Copyright 2026 the greirige authors. SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "greirige/bulk.hpp"
 #include "greirige/events.hpp"
 #include "greirige/result.hpp"
 #include "greirige/session.hpp"

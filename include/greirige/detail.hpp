@@ -62,6 +62,31 @@ struct LdapMemFree {
 };
 using LdapString = std::unique_ptr<char, LdapMemFree>; // of the LDAP library
 
+// A place for what a function allocates, released by itself whatever happens after the call.
+template <class Owner>
+class Out {
+public:
+    Out() = default;
+    explicit Out(typename Owner::pointer held) noexcept : held_(held) {}
+    Out(const Out &) = delete;
+    Out &operator=(const Out &) = delete;
+    ~Out()
+    {
+        Owner released(held_);
+    }
+    typename Owner::pointer *place() noexcept
+    {
+        return &held_;
+    }
+    typename Owner::pointer get() const noexcept
+    {
+        return held_;
+    }
+
+private:
+    typename Owner::pointer held_ = nullptr;
+};
+
 [[noreturn]] inline void no_memory()
 {
 #if defined(__cpp_exceptions)
@@ -216,6 +241,11 @@ public:
     {
         return {contents_.bv_val, contents_.bv_len};
     }
+    // The same for a reader of its own, which does not read past them.
+    const berval &content() const noexcept
+    {
+        return contents_;
+    }
     std::size_t unread() const noexcept
     {
         ber_len_t left = 0;
@@ -260,6 +290,14 @@ public:
         if (!next_is(tag))
             fail();
         const std::string_view bytes = ok_ ? contents() : std::string_view();
+        pass();
+        return bytes;
+    }
+
+    // The contents of an element with any tag.
+    std::string_view any_string() noexcept
+    {
+        const std::string_view bytes = contents();
         pass();
         return bytes;
     }

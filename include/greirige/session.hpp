@@ -1,16 +1,19 @@
 // greirige/session.hpp - a session and the operations that are one question and one answer:
 // partitions, replicas, synchronisation, replication filters, identity, privileges, names,
-// background processes.
+// background processes, backup and restore.
 //
 // Copyright 2026 the greirige authors. SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <concepts>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <iterator>
+#include <limits>
 #include <optional>
 #include <span>
 #include <string>
@@ -46,6 +49,12 @@ struct Origin {
 struct Subject {
     explicit constexpr Subject(std::string_view name) : dn(name) {}
     std::string_view dn;
+};
+
+// The password that guards a backup.
+struct Password {
+    explicit constexpr Password(std::string_view word) : text(word) {}
+    std::string_view text;
 };
 
 // A parameter that takes any list of strings: {"cn", "sn"}, a vector or an array of std::string, a
@@ -196,6 +205,25 @@ struct AttributeRights {
 
     friend bool operator==(const AttributeRights &, const AttributeRights &) = default;
 };
+
+// An object as a server gave it out, to be kept and put back later. All of it is needed for that
+// but the state, which is for the next backup of the same object.
+struct Backup {
+    std::string state;                // the server's two marks, "1200+3"
+    std::string data;                 // opaque: any bytes
+    std::vector<std::int32_t> chunks; // the sizes of the pieces in which the data is laid out
+
+    friend bool operator==(const Backup &, const Backup &) = default;
+};
+
+// The sizes as the C interface's chunk list, "3;512;512;17;": their number, then each.
+inline std::string chunk_list(const Backup &backup)
+{
+    std::string list = std::to_string(backup.chunks.size()) + ";";
+    for (const std::int32_t size : backup.chunks)
+        list += std::to_string(size) + ";";
+    return list;
+}
 
 // A replication filter as one text: every name is closed by "$", a class by a second one and the
 // filter by a third, as in "inetOrgPerson$cn$sn$$group$$$". There is no escape: a name that is
@@ -360,6 +388,18 @@ public:
     // Makes the server refresh itself.
     Result<void> refresh_server() const;
 
+    // ---- Backup and restore of one object.
+
+    // Takes an object out of the server. A later backup passes the state of the one before; the
+    // first has none. LDAPX_ENCODING_ERROR for a state that is not of the form of Backup::state or
+    // has a zero in it, LDAPX_DECODING_ERROR for an answer with negative sizes.
+    // LDAPX_NOT_SUPPORTED where there was no response of the right name for whatever reason, a
+    // refusal without a name or a connection that is gone among them. The same holds for a restore.
+    Result<Backup> backup_object(std::string_view dn, Password password,
+                                 std::string_view state = {}) const;
+    // Puts it back. The password is that of the backup.
+    Result<void> restore_object(std::string_view dn, Password password, const Backup &backup) const;
+
 private:
     LDAP *ld_;
 };
@@ -453,32 +493,29 @@ inline Result<ReplicaInfo> Session::replica_info(std::string_view dn, Server ser
     detail::CString root = call.text("dn", dn);
     detail::CString holder = call.text("server", server.dn);
     LDAPReplicaInfo info{};
-    char *whole = nullptr;
-    Result<void> done =
-        call.run([&] { return ldap_get_replica_info_ext(ld_, root, holder, &info, &whole); });
-    const detail::Block partition(whole);
-    return std::move(done).transform([&] {
-        return ReplicaInfo{info.rootID,
-                           info.state,
-                           info.modificationTime,
-                           info.purgeTime,
-                           info.localReplicaID,
-                           detail::string_of(partition.get()),
-                           static_cast<ReplicaType>(info.replicaType),
-                           info.flags};
-    });
+    detail::Out<detail::Block> partition;
+    return call
+        .run([&] { return ldap_get_replica_info_ext(ld_, root, holder, &info, partition.place()); })
+        .transform([&] {
+            return ReplicaInfo{info.rootID,
+                               info.state,
+                               info.modificationTime,
+                               info.purgeTime,
+                               info.localReplicaID,
+                               detail::string_of(partition.get()),
+                               static_cast<ReplicaType>(info.replicaType),
+                               info.flags};
+        });
 }
 
 inline Result<std::vector<std::string>> Session::list_replicas(Server server) const
 {
     detail::Call call(ld_, "list_replicas");
     detail::CString holder = call.text("server", server.dn);
-    char **names = nullptr;
-    Result<void> done = call.run([&] { return ldap_list_replicas(ld_, holder, &names); });
-    const detail::List list(names);
-    return std::move(done).transform([&] {
+    detail::Out<detail::List> names;
+    return call.run([&] { return ldap_list_replicas(ld_, holder, names.place()); }).transform([&] {
         std::vector<std::string> partitions;
-        for (char **name = names; name && *name; ++name)
+        for (char **name = names.get(); name && *name; ++name)
             partitions.emplace_back(*name);
         return partitions;
     });
@@ -551,31 +588,28 @@ inline Result<std::string> Session::replication_filter_text(Server server) const
 {
     detail::Call call(ld_, "replication_filter");
     detail::CString holder = call.text("server", server.dn);
-    char *filter = nullptr;
-    Result<void> done = call.run([&] { return ldap_get_replication_filter(ld_, holder, &filter); });
-    const detail::Block text(filter);
-    return std::move(done).and_then([&]() -> Result<std::string> {
-        if (const auto classes = parse_filter(filter); !classes)
-            return call.undecodable(classes.error().text);
-        return std::string(filter);
-    });
+    detail::Out<detail::Block> filter;
+    return call.run([&] { return ldap_get_replication_filter(ld_, holder, filter.place()); })
+        .and_then([&]() -> Result<std::string> {
+            if (const auto classes = parse_filter(filter.get()); !classes)
+                return call.undecodable(classes.error().text);
+            return std::string(filter.get());
+        });
 }
 
 inline Result<std::string> Session::bind_dn() const
 {
     detail::Call call(ld_, "bind_dn");
-    char *oid = nullptr;
-    berval *data = nullptr;
+    detail::Out<detail::LdapString> name;
+    detail::Out<detail::Value> value;
     Result<void> done = call.run([&] {
         return ldap_extended_operation_s(ld_, LDAPX_GET_BIND_DN_REQUEST, nullptr, nullptr, nullptr,
-                                         &oid, &data);
+                                         name.place(), value.place());
     });
-    const detail::LdapString name(oid);
-    const detail::Value value(data);
     return std::move(done).and_then([&]() -> Result<std::string> {
-        if (!name || name.get() != std::string_view(LDAPX_GET_BIND_DN_RESPONSE))
+        if (!name.get() || name.get() != std::string_view(LDAPX_GET_BIND_DN_RESPONSE))
             return call.failure(LDAPX_NOT_SUPPORTED);
-        if (!value)
+        if (!value.get())
             return call.failure(LDAPX_OPERATIONS_ERROR);
         const detail::Element ber(ber_init(value.get()));
         if (!ber)
@@ -635,20 +669,20 @@ inline Result<std::string> Session::dn_from_native(std::u16string_view name) con
         call.refuse("name", "the name holds a zero unit");
     std::vector<unsigned short> units(name.begin(), name.end());
     units.push_back(0);
-    char *ldapName = nullptr;
-    Result<void> done = call.run([&] { return ldap_zil_to_ldap(ld_, units.data(), &ldapName); });
-    const detail::Block dn(ldapName);
-    return std::move(done).transform([&] { return detail::string_of(dn.get()); });
+    detail::Out<detail::Block> dn;
+    return call.run([&] { return ldap_zil_to_ldap(ld_, units.data(), dn.place()); }).transform([&] {
+        return detail::string_of(dn.get());
+    });
 }
 
 inline Result<std::string> Session::dn_from_dns(std::string_view name) const
 {
     detail::Call call(ld_, "dn_from_dns");
     detail::CString dns = call.text("name", name);
-    char *ldapName = nullptr;
-    Result<void> done = call.run([&] { return ldap_dns_to_x500_dn(ld_, dns, &ldapName); });
-    const detail::Block dn(ldapName);
-    return std::move(done).transform([&] { return detail::string_of(dn.get()); });
+    detail::Out<detail::Block> dn;
+    return call.run([&] { return ldap_dns_to_x500_dn(ld_, dns, dn.place()); }).transform([&] {
+        return detail::string_of(dn.get());
+    });
 }
 
 inline Result<void> Session::trigger(BackgroundProcess process) const
@@ -661,6 +695,73 @@ inline Result<void> Session::refresh_server() const
 {
     detail::Call call(ld_, "refresh_server");
     return call.run([&] { return ldap_refresh_server(ld_); });
+}
+
+namespace detail {
+
+// The next number of a chunk list, and the list past it. Each number is followed by ';'.
+inline std::int64_t take_number(const char *&list)
+{
+    const bool negative = *list == '-';
+    std::int64_t number = 0;
+    for (list += negative ? 1 : 0; *list != ';'; ++list)
+        number = number * 10 + (*list - '0');
+    ++list;
+    return negative ? -number : number;
+}
+
+} // namespace detail
+
+inline Result<Backup> Session::backup_object(std::string_view dn, Password password,
+                                             std::string_view state) const
+{
+    detail::Call call(ld_, "backup_object");
+    detail::CString object = call.text("dn", dn);
+    detail::CString word = call.text("password", password.text);
+    detail::CString earlier = call.text("state", state);
+    // The library releases the state that it replaces with free().
+    detail::Out<detail::Block> marks(
+        state.empty() ? nullptr : static_cast<char *>(std::malloc(state.size() + 1)));
+    if (marks.get())
+        std::memcpy(marks.get(), static_cast<char *>(earlier), state.size() + 1);
+    else if (!state.empty())
+        detail::no_memory();
+    detail::Out<detail::Block> info;
+    detail::Out<detail::Block> sizes;
+    int size = 0;
+    Result<void> done = call.run([&] {
+        return ldap_backup_object(ld_, object, word, marks.place(), info.place(), sizes.place(),
+                                  &size);
+    });
+    return std::move(done).and_then([&]() -> Result<Backup> {
+        if (!marks.get())
+            detail::no_memory();
+        Backup backup{marks.get(), std::string(info.get(), static_cast<std::size_t>(size)), {}};
+        // The list is as long as its text and ends after the last number that it announces.
+        const char *list = sizes.get();
+        const std::int64_t count = detail::take_number(list);
+        for (std::int64_t i = 0; i < count; ++i)
+            backup.chunks.push_back(static_cast<std::int32_t>(detail::take_number(list)));
+        if (count < 0 || std::any_of(backup.chunks.begin(), backup.chunks.end(),
+                                     [](std::int32_t chunk) { return chunk < 0; }))
+            return call.undecodable("a chunk's size is negative");
+        return backup;
+    });
+}
+
+inline Result<void> Session::restore_object(std::string_view dn, Password password,
+                                            const Backup &backup) const
+{
+    detail::Call call(ld_, "restore_object");
+    detail::CString object = call.text("dn", dn);
+    detail::CString word = call.text("password", password.text);
+    detail::CString sizes(chunk_list(backup));
+    if (backup.data.size() > static_cast<std::size_t>(std::numeric_limits<int>::max()))
+        call.refuse("backup", "the data is too large");
+    return call.run([&] {
+        return ldap_restore_object(ld_, object, word, const_cast<char *>(backup.data.data()), sizes,
+                                   static_cast<int>(backup.data.size()));
+    });
 }
 
 } // namespace greirige
