@@ -10,8 +10,10 @@ namespace sandbox {
 
 namespace {
 
-// How much of a request is kept until it is answered.
+// How much of a request is kept until it is answered, while nobody watches.
 constexpr std::size_t kept_of_request = 8 * 1024;
+// How much of an entry is looked at when somebody watches which entries are found.
+constexpr std::size_t examined_of_entry = 64 * 1024;
 // More requests than this without an answer are refused: each costs memory here and in slapd.
 constexpr std::size_t most_exchanges = 10000;
 
@@ -46,9 +48,9 @@ bool has_critical_control(std::string_view controls)
 
 } // namespace
 
-Connection::Connection(const Service &service, Link::Socket client, Link::Socket slapd,
-                       std::string name)
-    : service_(service), name_(std::move(name)), client_(std::make_shared<Link>(std::move(client))),
+Connection::Connection(const Service &service, Link::Socket client, Link::Socket slapd, Client who)
+    : service_(service), who_(std::make_shared<const Client>(std::move(who))),
+      client_(std::make_shared<Link>(std::move(client))),
       slapd_(std::make_shared<Link>(std::move(slapd)))
 {
 }
@@ -70,6 +72,8 @@ void Connection::start(std::function<void()> ended)
         {with_self(&Connection::take_requests), with_self(&Connection::take_responses), gone});
     slapd_->start(
         {with_self(&Connection::take_responses), with_self(&Connection::take_requests), gone});
+    if (service_.traffic != nullptr)
+        service_.traffic->connected(*who_);
     client_->receive();
     slapd_->receive();
 }
@@ -85,6 +89,8 @@ void Connection::end(const Result &notice)
     slapd_->close();
     for (const auto &[id, call] : std::exchange(calls_, {}))
         call->stop();
+    if (service_.traffic != nullptr)
+        service_.traffic->disconnected(*who_);
     if (const auto ended = std::exchange(ended_, {}))
         ended();
 }
@@ -98,7 +104,8 @@ bool Connection::is_open() const
 
 bool Connection::may_take_requests() const
 {
-    return is_open() && !binding_ && !slapd_->congested() && !client_->congested();
+    return is_open() && !binding_ && !slapd_->congested() && !client_->congested() &&
+           kept_ <= service_.max_message;
 }
 
 void Connection::take_requests()
@@ -124,8 +131,8 @@ void Connection::take_requests()
 // False when more of the message must be here first.
 bool Connection::take_request(const MessageHead &head)
 {
-    const std::size_t examined =
-        needs_whole(head.operation) ? head.size : std::min(head.size, kept_of_request);
+    const bool whole = needs_whole(head.operation) || is_watched();
+    const std::size_t examined = whole ? head.size : std::min(head.size, kept_of_request);
     if (client_->input().size() < examined)
         return false;
     if (head.id == 0)
@@ -140,7 +147,22 @@ bool Connection::take_request(const MessageHead &head)
         if (exchanges_.size() >= most_exchanges)
             throw ber::Malformed("more than " + std::to_string(most_exchanges) +
                                  " requests without an answer");
-        exchanges_[head.id] = {std::string(bytes.substr(0, kept_of_request))};
+        forget(head.id);
+        Exchange exchange{std::string(bytes)};
+        if (!is_watched())
+            exchange.request.resize(std::min(bytes.size(), kept_of_request));
+        exchange.identity = identity_;
+        kept_ += exchange.request.size();
+        exchanges_[head.id] = std::move(exchange);
+    } else if (head.operation != LDAP_REQ_ABANDON && head.operation != LDAP_REQ_UNBIND &&
+               is_watched()) {
+        report(head.id, read_message(bytes).operation.whole, {},
+               {LDAP_PROTOCOL_ERROR, "an unknown operation", {}}, std::time(nullptr));
+    }
+    if (is_change(head.operation) && is_watched()) {
+        begin_change(read_message(bytes));
+        client_->consume(head.size);
+        return true;
     }
     if (head.operation == LDAP_REQ_BIND) {
         slapd_->send(begin_bind(bytes));
@@ -184,11 +206,12 @@ void Connection::perform(const Message &message, const std::string &name,
                          {}};
         send_to_client(sandbox::message(message.id, extended_response(refusal)));
         log(message.id, "extended " + name, refusal, Clock::now());
+        report_extended(message.id, name, value, refusal, Clock::now());
         return;
     }
     if (calls_.count(message.id) + exchanges_.count(message.id) != 0)
         throw ber::Malformed("message id " + std::to_string(message.id) + " is in use");
-    const auto call = std::make_shared<Call>(weak_from_this(), message.id, *operation,
+    const auto call = std::make_shared<Call>(weak_from_this(), who_, message.id, *operation,
                                              std::move(value), identity_);
     calls_[message.id] = call;
     try {
@@ -218,7 +241,18 @@ bool Connection::cancel(const Message &message, const std::optional<std::string>
         result = {LDAP_CANNOT_CANCEL, call->operation().title + " cannot be cancelled", {}};
     }
     send_to_client(sandbox::message(message.id, extended_response(result)));
+    report_extended(message.id, LDAP_EXOP_CANCEL, value, result, Clock::now());
     return true;
+}
+
+// A change whose result somebody wants to see in full goes on with controls that ask for it.
+void Connection::begin_change(const Message &message)
+{
+    const std::string images =
+        image_controls(message.operation, message.controls, service_.traffic->are_values_watched());
+    exchanges_.at(message.id).has_images = !images.empty();
+    slapd_->send(sandbox::message(message.id, message.operation.whole,
+                                  std::string(message.controls).append(images)));
 }
 
 // The bind request as slapd gets it.
@@ -257,13 +291,28 @@ void Connection::begin_abandon(const Message &message)
     // An AbandonRequest is a message id under a tag of its own.
     const std::string number = ber::element(ber::integer_tag, message.operation.content);
     const std::int32_t id = ber::Reader(number).integer();
-    exchanges_.erase(id);
+    const std::size_t relayed = forget(id);
     const auto found = calls_.find(id);
-    if (found == calls_.end())
-        return;
-    const std::shared_ptr<Call> call = found->second;
-    calls_.erase(found);
-    call->stop();
+    const std::shared_ptr<Call> call = found == calls_.end() ? nullptr : found->second;
+    if (call) {
+        calls_.erase(found);
+        call->stop();
+    }
+    Result result;
+    if (relayed == 0 && !call)
+        result = {LDAP_NO_SUCH_OPERATION, "nothing to abandon", {}};
+    report(message.id, message.operation.whole, message.controls, result, std::time(nullptr));
+}
+
+// How many requests of this id there were: one or none.
+std::size_t Connection::forget(std::int32_t id)
+{
+    const auto exchange = exchanges_.find(id);
+    if (exchange == exchanges_.end())
+        return 0;
+    kept_ -= exchange->second.request.size();
+    exchanges_.erase(exchange);
+    return 1;
 }
 
 // ---- From slapd to the client -----------------------------------------------------------------
@@ -285,6 +334,7 @@ void Connection::take_responses()
     } catch (const ber::Malformed &) {
         end({LDAP_UNAVAILABLE, "the directory behind the gateway sent nonsense", {}});
     }
+    give_room();
     if (is_open() && !client_->congested())
         slapd_->receive();
     // A bind that has been answered, or room for answers, lets waiting requests go on.
@@ -296,8 +346,15 @@ bool Connection::take_response(const MessageHead &head)
 {
     if (more_follow(head.operation)) {
         const auto exchange = exchanges_.find(head.id);
-        if (exchange != exchanges_.end() && head.operation == LDAP_RES_SEARCH_ENTRY)
+        if (exchange != exchanges_.end() && head.operation == LDAP_RES_SEARCH_ENTRY) {
+            if (service_.traffic != nullptr && service_.traffic->are_entries_watched()) {
+                const std::size_t examined = std::min(head.size, examined_of_entry);
+                if (slapd_->input().size() < examined)
+                    return false;
+                report_entry(head.id, slapd_->input().substr(0, examined));
+            }
             ++exchange->second.entries;
+        }
         response_rest_ = head.size;
         return true;
     }
@@ -312,21 +369,32 @@ bool Connection::take_response(const MessageHead &head)
     } else if (head.operation == LDAP_RES_BIND) {
         bind_answered(bytes);
     } else {
+        const auto exchange = exchanges_.find(head.id);
+        const bool has_images = exchange != exchanges_.end() && exchange->second.has_images;
         finished(head.id, message);
-        send_to_client(bytes);
+        send_to_client(has_images ? sandbox::message(head.id, message.operation.whole,
+                                                     without_images(message.controls))
+                                  : bytes);
     }
     return true;
+}
+
+void Connection::give_room()
+{
+    for (const auto &[id, call] : std::map(calls_))
+        if (has_room())
+            call->room();
 }
 
 void Connection::bind_answered(std::string_view bytes)
 {
     const Message message = read_message(bytes);
-    finished(message.id, message);
     ber::Reader response(message.operation.content);
     if (read_result(response).ok()) {
         bind_response_ = bytes;
         ask_identity();
     } else {
+        finished(message.id, message);
         binding_ = false;
         send_to_client(bytes);
     }
@@ -349,6 +417,10 @@ void Connection::identity_answered(const Message &message)
         return end({LDAP_UNAVAILABLE, "slapd does not say who has bound", {}});
     identity_ = identity_of(response.octets(LDAP_TAG_EXOP_RES_VALUE));
     binding_ = false;
+    const Message bound = read_message(bind_response_);
+    if (const auto bind = exchanges_.find(bound.id); bind != exchanges_.end())
+        bind->second.identity = identity_;
+    finished(bound.id, bound);
     send_to_client(std::exchange(bind_response_, {}));
 }
 
@@ -361,7 +433,9 @@ void Connection::finished(std::int32_t id, const Message &message)
     if (service_.log)
         log(id, describe_request(exchange->second.request), read_result(response),
             exchange->second.begun, exchange->second.entries);
-    exchanges_.erase(exchange);
+    if (is_watched())
+        report(id, exchange->second, message);
+    forget(id);
 }
 
 // ---- Our own messages -------------------------------------------------------------------------
@@ -382,6 +456,7 @@ void Connection::answer(const Call &call, const Result &result,
     send_to_client(
         message(call.id(), extended_response(result, call.operation().response_name, value)));
     log(call.id(), call.operation().title, result, call.begun());
+    report_extended(call.id(), call.operation().request_name, call.bytes(), result, call.begun());
 }
 
 void Connection::notify(const Call &call, std::string_view name, std::string_view value)
@@ -398,7 +473,7 @@ void Connection::log(std::int32_t id, const std::string &what, const Result &res
     const auto taken = std::chrono::duration<double, std::milli>(Clock::now() - begun).count();
     std::ostringstream line;
     line.precision(1);
-    line << std::fixed << name_ << " op " << id << " " << what << ": " << result.code << " "
+    line << std::fixed << who_->address << " op " << id << " " << what << ": " << result.code << " "
          << ldap_err2string(result.code);
     if (!result.diagnostic.empty())
         line << " (" << result.diagnostic << ")";
@@ -406,6 +481,72 @@ void Connection::log(std::int32_t id, const std::string &what, const Result &res
         line << ", " << entries << (entries == 1 ? " entry" : " entries");
     line << ", " << taken << " ms";
     service_.log(line.str());
+}
+
+// ---- Reports -----------------------------------------------------------------------------------
+
+bool Connection::is_watched() const
+{
+    return service_.traffic != nullptr && service_.traffic->is_watched();
+}
+
+void Connection::report(std::int32_t id, const Exchange &exchange, const Message &answer) const
+{
+    ber::Header envelope;
+    ber::read_header(exchange.request, envelope);
+    if (exchange.request.size() < envelope.size())
+        return; // it came while nobody watched, so only its beginning is here
+    const Message request = read_message(exchange.request);
+    ber::Reader response(answer.operation.content);
+    Answered answered{who_,
+                      exchange.identity,
+                      id,
+                      exchange.begun_at,
+                      request.operation,
+                      request.controls,
+                      read_result(response),
+                      answer.operation.content,
+                      {}};
+    if (exchange.has_images)
+        answered.images = read_images(answer.controls);
+    service_.traffic->answered(answered);
+}
+
+void Connection::report(std::int32_t id, std::string_view operation, std::string_view controls,
+                        const Result &result, std::time_t begun) const
+{
+    if (is_watched())
+        service_.traffic->answered({who_,
+                                    identity_,
+                                    id,
+                                    begun,
+                                    ber::Reader(operation).element(),
+                                    controls,
+                                    result,
+                                    {},
+                                    {}});
+}
+
+// Only the first bytes of the message need to be there.
+void Connection::report_entry(std::int32_t id, std::string_view bytes) const
+{
+    ber::Header header;
+    ber::read_header(bytes, header);
+    ber::Reader envelope(bytes.substr(header.header_size));
+    envelope.integer();
+    if (ber::read_header(envelope.rest(), header))
+        service_.traffic->found(*who_, id, envelope.rest().substr(header.header_size));
+}
+
+void Connection::report_extended(std::int32_t id, const std::string &name,
+                                 const std::optional<std::string> &value, const Result &result,
+                                 Clock::time_point begun) const
+{
+    if (!is_watched())
+        return;
+    const auto taken = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begun);
+    report(id, extended_request(name, value), {}, result,
+           std::time(nullptr) - static_cast<std::time_t>(taken.count()));
 }
 
 } // namespace sandbox

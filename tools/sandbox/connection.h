@@ -9,8 +9,10 @@
 #include "link.h"
 #include "message.h"
 #include "operations.h"
+#include "traffic.h"
 
 #include <chrono>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <memory>
@@ -24,11 +26,12 @@ struct Service {
     const Operations &operations;
     std::size_t max_message;
     std::function<void(const std::string &)> log; // one line per operation; may be empty
+    Traffic *traffic = nullptr;                   // who is told what passes, if anybody
 };
 
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
-    Connection(const Service &service, Link::Socket client, Link::Socket slapd, std::string name);
+    Connection(const Service &service, Link::Socket client, Link::Socket slapd, Client who);
 
     void start(std::function<void()> ended);
     // Ends the connection; the client is told why when there is something to tell.
@@ -36,15 +39,23 @@ public:
 
     void answer(const Call &call, const Result &result, const std::optional<std::string> &value);
     void notify(const Call &call, std::string_view name, std::string_view value);
+    // The client takes what is sent, and our own messages need not wait for another one to pass.
+    bool has_room() const
+    {
+        return !client_->congested() && response_rest_ == 0;
+    }
 
 private:
     using Clock = std::chrono::steady_clock;
 
     // A request that slapd has not answered yet.
     struct Exchange {
-        std::string request; // its first bytes
+        std::string request; // its first bytes; all of them while somebody watches
         std::size_t entries = 0;
         Clock::time_point begun = Clock::now();
+        std::time_t begun_at = std::time(nullptr);
+        std::string identity{}; // of the client, then
+        bool has_images = false;
     };
 
     bool is_open() const;
@@ -59,23 +70,36 @@ private:
     bool cancel(const Message &message, const std::optional<std::string> &value);
     std::string begin_bind(std::string_view bytes);
     void begin_abandon(const Message &message);
+    void begin_change(const Message &message);
+    std::size_t forget(std::int32_t id);
 
     void bind_answered(std::string_view bytes);
     void ask_identity();
     void identity_answered(const Message &message);
     void finished(std::int32_t id, const Message &message);
+    void give_room();
+
+    bool is_watched() const;
+    void report(std::int32_t id, const Exchange &exchange, const Message &answer) const;
+    void report(std::int32_t id, std::string_view operation, std::string_view controls,
+                const Result &result, std::time_t begun) const;
+    void report_entry(std::int32_t id, std::string_view bytes) const;
+    void report_extended(std::int32_t id, const std::string &name,
+                         const std::optional<std::string> &value, const Result &result,
+                         std::chrono::steady_clock::time_point begun) const;
 
     void send_to_client(std::string_view bytes);
     void log(std::int32_t id, const std::string &what, const Result &result,
              Clock::time_point begun, std::size_t entries = 0) const;
 
     const Service &service_;
-    std::string name_;
+    std::shared_ptr<const Client> who_;
     std::shared_ptr<Link> client_;
     std::shared_ptr<Link> slapd_;
     std::function<void()> ended_;
 
     std::map<std::int32_t, Exchange> exchanges_;
+    std::size_t kept_ = 0; // bytes of requests in exchanges_
     std::map<std::int32_t, std::shared_ptr<Call>> calls_;
 
     // What is still to come of the message that is passing on, in each direction. Our own

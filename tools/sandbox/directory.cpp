@@ -1,5 +1,7 @@
 #include "directory.h"
 
+#include "traffic.h"
+
 #include <limits>
 #include <utility>
 
@@ -23,26 +25,10 @@ std::string attribute(const std::string &name, const std::vector<std::string> &v
 // RFC 4370: slapd carries the request out with the rights of this DN.
 std::string behalf_control(const Behalf &behalf)
 {
-    if (!behalf)
+    if (!behalf.dn)
         return {};
     return ber::sequence(ber::octets(LDAP_CONTROL_PROXY_AUTHZ), ber::boolean(true),
-                         ber::octets(behalf->empty() ? "" : "dn:" + *behalf));
-}
-
-Entry read_entry(ber::Reader operation)
-{
-    Entry entry;
-    entry.dn = operation.text();
-    ber::Reader attributes = operation.enter(ber::sequence_tag);
-    while (!attributes.at_end()) {
-        ber::Reader pair = attributes.enter(ber::sequence_tag);
-        Attribute found{pair.text(), {}};
-        ber::Reader values = pair.enter(ber::set_tag);
-        while (!values.at_end())
-            found.values.push_back(values.text());
-        entry.attributes.push_back(std::move(found));
-    }
-    return entry;
+                         ber::octets(behalf.dn->empty() ? "" : "dn:" + *behalf.dn));
 }
 
 Result unavailable()
@@ -116,6 +102,22 @@ std::string Entry::value(std::string_view name) const
     return {};
 }
 
+Entry read_entry(ber::Reader operation)
+{
+    Entry entry;
+    entry.dn = operation.text();
+    ber::Reader attributes = operation.enter(ber::sequence_tag);
+    while (!attributes.at_end()) {
+        ber::Reader pair = attributes.enter(ber::sequence_tag);
+        Attribute found{pair.text(), {}};
+        ber::Reader values = pair.enter(ber::set_tag);
+        while (!values.at_end())
+            found.values.push_back(values.text());
+        entry.attributes.push_back(std::move(found));
+    }
+    return entry;
+}
+
 std::string identity_of(std::string_view authorization_id)
 {
     if (authorization_id.substr(0, 3) == "dn:")
@@ -123,7 +125,7 @@ std::string identity_of(std::string_view authorization_id)
     return std::string(authorization_id);
 }
 
-Directory::Directory(asio::io_context &loop) : loop_(loop) {}
+Directory::Directory(asio::io_context &loop, Traffic *traffic) : loop_(loop), traffic_(traffic) {}
 
 Directory::~Directory()
 {
@@ -134,6 +136,7 @@ void Directory::connect(const std::string &socket_path, const std::string &dn,
                         const std::string &password, Done done, std::function<void()> lost)
 {
     lost_ = std::move(lost);
+    administrator_ = dn;
     Link::Socket socket(loop_);
     std::error_code error;
     socket.connect(asio::local::stream_protocol::endpoint(socket_path), error);
@@ -255,8 +258,23 @@ void Directory::send(const Behalf &behalf, std::string_view operation, std::stri
     do
         last_id_ = last_id_ == std::numeric_limits<std::int32_t>::max() ? 1 : last_id_ + 1;
     while (outstanding_.count(last_id_) != 0);
-    outstanding_.emplace(last_id_, std::move(response));
-    link_->send(message(last_id_, operation, behalf_control(behalf).append(controls)));
+    Outstanding request;
+    request.response = std::move(response);
+    std::string images;
+    if (traffic_ != nullptr && traffic_->is_watched()) {
+        const ber::Element element = ber::Reader(operation).element();
+        if (is_change(element.tag)) {
+            images = image_controls(element, controls, traffic_->are_values_watched());
+            request.behalf = behalf;
+            request.begun = std::time(nullptr);
+            request.operation = operation;
+            request.controls = controls;
+            request.has_images = !images.empty();
+        }
+    }
+    outstanding_.emplace(last_id_, std::move(request));
+    link_->send(
+        message(last_id_, operation, behalf_control(behalf).append(controls).append(images)));
 }
 
 void Directory::received()
@@ -286,20 +304,39 @@ void Directory::dispatch(const Message &message)
     if (waiting == outstanding_.end())
         return;
     if (more_follow(message.operation.tag)) {
-        waiting->second(message.operation);
+        waiting->second.response(message.operation);
         return;
     }
-    const Response last = std::move(waiting->second);
+    const Outstanding last = std::move(waiting->second);
     outstanding_.erase(waiting);
-    last(message.operation);
+    if (!last.operation.empty())
+        report(last, message);
+    last.response(message.operation);
+}
+
+void Directory::report(const Outstanding &change, const Message &answer)
+{
+    ber::Reader response(answer.operation.content);
+    Answered exchange;
+    exchange.client = change.behalf.client;
+    exchange.identity = change.behalf.dn.value_or(administrator_);
+    exchange.id = change.behalf.request;
+    exchange.begun = change.begun;
+    exchange.operation = ber::Reader(change.operation).element();
+    exchange.controls = change.controls;
+    exchange.result = read_result(response);
+    exchange.response = answer.operation.content;
+    if (change.has_images)
+        exchange.images = read_images(answer.controls);
+    traffic_->answered(exchange);
 }
 
 void Directory::lose()
 {
     const auto lost = std::exchange(outstanding_, {});
     const std::string result = result_elements(unavailable());
-    for (const auto &[id, response] : lost)
-        response({LDAP_RES_EXTENDED, result, result});
+    for (const auto &[id, request] : lost)
+        request.response({LDAP_RES_EXTENDED, result, result});
     if (lost_)
         lost_();
 }

@@ -9,17 +9,34 @@
 #include "link.h"
 #include "message.h"
 
+#include <ctime>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace sandbox {
 
-// The DN that slapd judges a request by (empty: anonymous), or nothing for the administrator.
-using Behalf = std::optional<std::string>;
+class Traffic;
+struct Client;
+
+// For whom a request is made: the DN that slapd judges it by (empty: anonymous), or nothing for
+// the administrator; and the client that asked for it under this message id, when there is one.
+struct Behalf {
+    std::optional<std::string> dn;
+    std::shared_ptr<const Client> client = nullptr;
+    std::int32_t request = 0;
+
+    Behalf(std::nullopt_t) {}
+    Behalf(std::string name) : dn(std::move(name)) {}
+    Behalf(std::string name, std::shared_ptr<const Client> asker, std::int32_t id)
+        : dn(std::move(name)), client(std::move(asker)), request(id)
+    {
+    }
+};
 inline constexpr std::nullopt_t as_administrator = std::nullopt;
 
 struct Attribute {
@@ -35,6 +52,9 @@ struct Entry {
     // as the request asked for them.
     std::string value(std::string_view name) const;
 };
+
+// The content of a SearchResultEntry.
+Entry read_entry(ber::Reader operation);
 
 struct Change {
     int operation = LDAP_MOD_ADD; // LDAP_MOD_ADD, LDAP_MOD_DELETE, LDAP_MOD_REPLACE
@@ -71,7 +91,8 @@ public:
     // A response's operation element; the last one has no more after it.
     using Response = std::function<void(const ber::Element &)>;
 
-    explicit Directory(asio::io_context &loop);
+    // Changes are reported to `traffic`, when there is one.
+    explicit Directory(asio::io_context &loop, Traffic *traffic = nullptr);
     ~Directory();
 
     // Connects to slapd's socket and binds. `lost` is called when a connection that was made ends.
@@ -99,14 +120,27 @@ public:
               Response response);
 
 private:
+    // A request that slapd has not answered yet. What is needed to report a change is kept.
+    struct Outstanding {
+        Response response;
+        Behalf behalf = as_administrator;
+        std::time_t begun = 0;
+        std::string operation;
+        std::string controls;
+        bool has_images = false;
+    };
+
     void received();
     void dispatch(const Message &message);
+    void report(const Outstanding &change, const Message &answer);
     void lose();
     void perform(const Behalf &behalf, std::string_view operation, Done done);
 
     asio::io_context &loop_;
+    Traffic *traffic_;
+    std::string administrator_;
     std::shared_ptr<Link> link_;
-    std::map<std::int32_t, Response> outstanding_;
+    std::map<std::int32_t, Outstanding> outstanding_;
     std::int32_t last_id_ = 0;
     std::function<void()> lost_;
 };

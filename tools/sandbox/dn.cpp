@@ -48,6 +48,16 @@ std::pair<std::string, std::string> first_rdn(const std::string &dn)
             std::string(first.la_value.bv_val, first.la_value.bv_len)};
 }
 
+std::vector<std::string> naming_attributes(const std::string &dn)
+{
+    const ParsedDn parsed(dn);
+    std::vector<std::string> names;
+    if (parsed.dn != nullptr && parsed.dn[0] != nullptr)
+        for (LDAPAVA **part = parsed.dn[0]; *part != nullptr; ++part)
+            names.emplace_back((*part)->la_attr.bv_val, (*part)->la_attr.bv_len);
+    return names;
+}
+
 std::string escaped(std::string_view value)
 {
     constexpr char digits[] = "0123456789abcdef";

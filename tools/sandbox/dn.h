@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace sandbox {
 
@@ -14,6 +15,9 @@ std::optional<std::string> normalised_dn(const std::string &dn);
 
 // The type and value of the first RDN; of several, the first.
 std::pair<std::string, std::string> first_rdn(const std::string &dn);
+
+// The attribute types of the first RDN.
+std::vector<std::string> naming_attributes(const std::string &dn);
 
 // A value as it stands in a name.
 std::string escaped(std::string_view value);

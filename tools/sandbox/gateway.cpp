@@ -76,8 +76,8 @@ void Gateway::open(Tcp::socket client)
 
     Link::Socket slapd(loop_);
     slapd.connect(asio::local::stream_protocol::endpoint(slapd_socket_), error);
-    const auto connection =
-        std::make_shared<Connection>(service_, std::move(client), std::move(slapd), text_of(peer));
+    const auto connection = std::make_shared<Connection>(
+        service_, std::move(client), std::move(slapd), Client{++last_client_, peer, text_of(peer)});
     connections_.insert(connection);
     connection->start(
         [this, weak = std::weak_ptr(connection)] { connections_.erase(weak.lock()); });

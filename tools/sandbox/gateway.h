@@ -41,6 +41,7 @@ private:
     std::string slapd_socket_;
     std::vector<std::unique_ptr<Listener>> listeners_;
     std::set<std::shared_ptr<Connection>> connections_;
+    std::uint32_t last_client_ = 0;
 };
 
 } // namespace sandbox

@@ -6,10 +6,11 @@
 
 namespace sandbox {
 
-Call::Call(std::weak_ptr<Connection> client, std::int32_t id, const Operation &operation,
-           std::optional<std::string> value, std::string identity)
-    : client_(std::move(client)), id_(id), operation_(operation), value_(std::move(value)),
-      identity_(std::move(identity))
+Call::Call(std::weak_ptr<Connection> connection, std::shared_ptr<const Client> client,
+           std::int32_t id, const Operation &operation, std::optional<std::string> value,
+           std::string identity)
+    : connection_(std::move(connection)), client_(std::move(client)), id_(id),
+      operation_(operation), value_(std::move(value)), identity_(std::move(identity))
 {
 }
 
@@ -29,19 +30,33 @@ void Call::expect_no_value() const
 void Call::answer(const Result &result, const std::optional<std::string> &value)
 {
     stop_ = {};
-    if (const auto client = client_.lock())
-        client->answer(*this, result, value);
+    room_ = {};
+    if (const auto connection = connection_.lock())
+        connection->answer(*this, result, value);
 }
 
 void Call::notify(std::string_view name, std::string_view value)
 {
-    if (const auto client = client_.lock())
-        client->notify(*this, name, value);
+    if (const auto connection = connection_.lock())
+        connection->notify(*this, name, value);
+}
+
+bool Call::has_room() const
+{
+    const auto connection = connection_.lock();
+    return connection && connection->has_room();
+}
+
+void Call::room()
+{
+    if (const auto room = room_) // which may answer, and be gone
+        room();
 }
 
 void Call::stop()
 {
-    client_.reset();
+    connection_.reset();
+    room_ = {};
     if (const auto stop = std::exchange(stop_, {}))
         stop();
 }

@@ -22,8 +22,9 @@ struct Operation;
 // later; when the client has left or abandoned it meanwhile, the answer goes nowhere.
 class Call {
 public:
-    Call(std::weak_ptr<Connection> client, std::int32_t id, const Operation &operation,
-         std::optional<std::string> value, std::string identity);
+    Call(std::weak_ptr<Connection> connection, std::shared_ptr<const Client> client,
+         std::int32_t id, const Operation &operation, std::optional<std::string> value,
+         std::string identity);
 
     std::int32_t id() const
     {
@@ -38,6 +39,15 @@ public:
     {
         return identity_;
     }
+    // The same with the client, for requests to the directory.
+    Behalf behalf() const
+    {
+        return Behalf(identity_, client_, id_);
+    }
+    const Client &client() const
+    {
+        return *client_;
+    }
     std::chrono::steady_clock::time_point begun() const
     {
         return begun_;
@@ -46,10 +56,21 @@ public:
     ber::Reader value() const;
     // For operations without a request value: ber::Malformed when there is one.
     void expect_no_value() const;
+    const std::optional<std::string> &bytes() const
+    {
+        return value_;
+    }
 
     void answer(const Result &result, const std::optional<std::string> &value = {});
     // An intermediate response; the answer is still to come.
     void notify(std::string_view name, std::string_view value);
+    // False while the client does not take what has been sent: then wait until there is room.
+    bool has_room() const;
+    void on_room(std::function<void()> room)
+    {
+        room_ = std::move(room);
+    }
+    void room();
 
     // For an operation that goes on until it is stopped: what to do when the client abandons or
     // cancels it, or leaves. Without it the operation runs to its end and cannot be cancelled.
@@ -64,12 +85,14 @@ public:
     void stop();
 
 private:
-    std::weak_ptr<Connection> client_;
+    std::weak_ptr<Connection> connection_;
+    std::shared_ptr<const Client> client_;
     std::int32_t id_;
     const Operation &operation_;
     std::optional<std::string> value_;
     std::string identity_;
     std::function<void()> stop_;
+    std::function<void()> room_;
     std::chrono::steady_clock::time_point begun_ = std::chrono::steady_clock::now();
 };
 

@@ -119,7 +119,7 @@ void Partitions::mark_base(Directory::Done done)
 
 void Partitions::find(std::shared_ptr<Call> call, const std::string &dn, Use use)
 {
-    directory_.read(call->identity(), dn, {"entryUUID", partition_state},
+    directory_.read(call->behalf(), dn, {"entryUUID", partition_state},
                     [call, dn, use = std::move(use)](const Result &result, const Entry &entry) {
                         const std::string uuid = entry.value("entryUUID");
                         if (!result.ok())
@@ -214,7 +214,7 @@ void Partitions::begin(std::shared_ptr<Call> call, Kind kind, const Target &targ
     const std::vector<Change> changes = kind == Kind::merge && at_once ? unmark()
                                         : target.state.empty()         ? mark(state)
                                                                        : set_state(state);
-    directory_.modify(call->identity(), target.dn, changes,
+    directory_.modify(call->behalf(), target.dn, changes,
                       [this, call, process, target, at_once](const Result &result) {
                           if (result.ok() && !at_once) {
                               process->timer.expires_after(duration_);
@@ -257,7 +257,7 @@ void Partitions::abort(std::shared_ptr<Call> call)
                                  {}});
         process->waiting = false;
         process->timer.cancel();
-        change_running(process, call->identity(),
+        change_running(process, call->behalf(),
                        process->kind == Kind::split ? unmark() : set_state("on"),
                        [this, call, process, target](const Result &result) {
                            if (result.ok() || result.code == LDAP_NO_SUCH_OBJECT)
@@ -345,7 +345,7 @@ void Partitions::change_orphan(std::shared_ptr<Call> call, int operation)
     if (name.empty())
         return call->answer({LDAP_INVALID_DN_SYNTAX, "an orphan partition needs a name", {}});
     directory_.modify(
-        call->identity(), server, {{operation, orphan_partition, {name}}},
+        call->behalf(), server, {{operation, orphan_partition, {name}}},
         [call, server, name](const Result &result) {
             switch (result.code) {
             case LDAP_TYPE_OR_VALUE_EXISTS:
