@@ -73,7 +73,7 @@ void Connection::start(std::function<void()> ended)
     slapd_->start(
         {with_self(&Connection::take_responses), with_self(&Connection::take_requests), gone});
     if (service_.traffic != nullptr)
-        service_.traffic->connected(*who_);
+        service_.traffic->connected(who_);
     client_->receive();
     slapd_->receive();
 }
@@ -90,7 +90,7 @@ void Connection::end(const Result &notice)
     for (const auto &[id, call] : std::exchange(calls_, {}))
         call->stop();
     if (service_.traffic != nullptr)
-        service_.traffic->disconnected(*who_);
+        service_.traffic->disconnected(who_);
     if (const auto ended = std::exchange(ended_, {}))
         ended();
 }
@@ -351,7 +351,7 @@ bool Connection::take_response(const MessageHead &head)
                 const std::size_t examined = std::min(head.size, examined_of_entry);
                 if (slapd_->input().size() < examined)
                     return false;
-                report_entry(head.id, slapd_->input().substr(0, examined));
+                report_entry(head.id, exchange->second, slapd_->input().substr(0, examined));
             }
             ++exchange->second.entries;
         }
@@ -528,14 +528,17 @@ void Connection::report(std::int32_t id, std::string_view operation, std::string
 }
 
 // Only the first bytes of the message need to be there.
-void Connection::report_entry(std::int32_t id, std::string_view bytes) const
+void Connection::report_entry(std::int32_t id, const Exchange &exchange,
+                              std::string_view bytes) const
 {
     ber::Header header;
     ber::read_header(bytes, header);
     ber::Reader envelope(bytes.substr(header.header_size));
     envelope.integer();
     if (ber::read_header(envelope.rest(), header))
-        service_.traffic->found(*who_, id, envelope.rest().substr(header.header_size));
+        service_.traffic->found(
+            {who_, exchange.identity, id, exchange.begun_at, {}, {}, {}, {}, {}},
+            envelope.rest().substr(header.header_size));
 }
 
 void Connection::report_extended(std::int32_t id, const std::string &name,

@@ -83,7 +83,7 @@ private:
     void report(std::int32_t id, const Exchange &exchange, const Message &answer) const;
     void report(std::int32_t id, std::string_view operation, std::string_view controls,
                 const Result &result, std::time_t begun) const;
-    void report_entry(std::int32_t id, std::string_view bytes) const;
+    void report_entry(std::int32_t id, const Exchange &exchange, std::string_view bytes) const;
     void report_extended(std::int32_t id, const std::string &name,
                          const std::optional<std::string> &value, const Result &result,
                          std::chrono::steady_clock::time_point begun) const;

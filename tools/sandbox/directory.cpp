@@ -125,7 +125,7 @@ std::string identity_of(std::string_view authorization_id)
     return std::string(authorization_id);
 }
 
-Directory::Directory(asio::io_context &loop, Traffic *traffic) : loop_(loop), traffic_(traffic) {}
+Directory::Directory(asio::io_context &loop) : loop_(loop) {}
 
 Directory::~Directory()
 {

@@ -91,10 +91,14 @@ public:
     // A response's operation element; the last one has no more after it.
     using Response = std::function<void(const ber::Element &)>;
 
-    // Changes are reported to `traffic`, when there is one.
-    explicit Directory(asio::io_context &loop, Traffic *traffic = nullptr);
+    explicit Directory(asio::io_context &loop);
     ~Directory();
 
+    // Who is told of changes from now on.
+    void report_to(Traffic &traffic)
+    {
+        traffic_ = &traffic;
+    }
     // Connects to slapd's socket and binds. `lost` is called when a connection that was made ends.
     void connect(const std::string &socket_path, const std::string &dn, const std::string &password,
                  Done done, std::function<void()> lost);
@@ -137,7 +141,7 @@ private:
     void perform(const Behalf &behalf, std::string_view operation, Done done);
 
     asio::io_context &loop_;
-    Traffic *traffic_;
+    Traffic *traffic_ = nullptr;
     std::string administrator_;
     std::shared_ptr<Link> link_;
     std::map<std::int32_t, Outstanding> outstanding_;

@@ -58,6 +58,28 @@ std::vector<std::string> naming_attributes(const std::string &dn)
     return names;
 }
 
+std::string rdn_of(const std::string &dn)
+{
+    const ParsedDn parsed(dn);
+    char *text = nullptr;
+    if (parsed.dn == nullptr || parsed.dn[0] == nullptr ||
+        ldap_rdn2str(parsed.dn[0], &text, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS)
+        return {};
+    const std::unique_ptr<char, void (*)(void *)> owner(text, ldap_memfree);
+    return std::string(text);
+}
+
+std::string parent_of(const std::string &dn)
+{
+    const ParsedDn parsed(dn);
+    char *text = nullptr;
+    if (parsed.dn == nullptr || parsed.dn[0] == nullptr ||
+        ldap_dn2str(parsed.dn + 1, &text, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS)
+        return {};
+    const std::unique_ptr<char, void (*)(void *)> owner(text, ldap_memfree);
+    return std::string(text);
+}
+
 std::string escaped(std::string_view value)
 {
     constexpr char digits[] = "0123456789abcdef";

@@ -19,6 +19,10 @@ std::pair<std::string, std::string> first_rdn(const std::string &dn);
 // The attribute types of the first RDN.
 std::vector<std::string> naming_attributes(const std::string &dn);
 
+// A name's first RDN and the name of the entry above.
+std::string rdn_of(const std::string &dn);
+std::string parent_of(const std::string &dn);
+
 // A value as it stands in a name.
 std::string escaped(std::string_view value);
 

@@ -5,6 +5,7 @@
 // through the gateway, which answers the extended operations itself. One thread, one event loop.
 
 #include "directory.h"
+#include "event_sources.h"
 #include "gateway.h"
 #include "ldif_check.h"
 #include "partitions.h"
@@ -39,6 +40,7 @@ struct Options {
     std::string slapd = "slapd";
     std::uint64_t max_message = 64 * 1024 * 1024;
     std::uint32_t operation_delay = 0;
+    EventOptions events;
     bool verbose = false;
 };
 
@@ -101,6 +103,13 @@ void add_options(CLI::App &app, Options &options)
     app.add_option("--operation-delay", options.operation_delay,
                    "Milliseconds that splitting and merging partitions take")
         ->capture_default_str();
+    app.add_option("--event-queue", options.events.queue,
+                   "Bytes of events that may wait for a monitor before it is dropped")
+        ->capture_default_str();
+    app.add_flag("--with-addresses", options.events.with_addresses,
+                 "Events carry the address of the client behind them");
+    app.add_flag("--emit-all", options.events.samples,
+                 "Send each new monitor a sample of every kind of event");
     app.add_flag("--verbose", options.verbose, "Write a line for each operation");
 }
 
@@ -182,14 +191,17 @@ std::size_t map_size(const Options &options)
 class Sandbox {
 public:
     explicit Sandbox(const Options &options)
-        : options_(options), directory_(loop_),
+        : options_(options), directory_(loop_), events_(loop_, options.events),
+          sources_(events_, directory_),
           partitions_(loop_, directory_, options.base,
                       std::chrono::milliseconds(options.operation_delay)),
-          service_{operations_, options.max_message, {}},
+          service_{operations_, options.max_message, {}, &sources_},
           gateway_(loop_, service_, temporary_.path() / "ldapi"),
           wakeup_(loop_, dup(signals_.descriptor()))
     {
+        directory_.report_to(sources_);
         partitions_.offer(operations_);
+        events_.offer(operations_);
         if (options.verbose)
             service_.log = [](const std::string &line) {
                 std::cout << line << std::endl;
@@ -210,6 +222,8 @@ private:
     asio::io_context loop_;
     TemporaryDirectory temporary_;
     Directory directory_;
+    Events events_;
+    EventSources sources_;
     Operations operations_;
     Partitions partitions_;
     Service service_;
@@ -233,6 +247,7 @@ void Sandbox::run()
     loop_.run();
 
     // Tell the clients, and give the words a moment to leave.
+    events_.close();
     gateway_.stop();
     directory_.close();
     loop_.restart();
@@ -266,8 +281,12 @@ void Sandbox::connect()
                 if (!marked.ok())
                     return fail("cannot make " + options_.base +
                                 " the root of a partition: " + marked.diagnostic);
-                gateway_.listen();
-                announce(gateway_, options_);
+                sources_.learn_schema([this](const Result &learned) {
+                    if (!learned.ok())
+                        return fail("cannot read slapd's schema: " + learned.diagnostic);
+                    gateway_.listen();
+                    announce(gateway_, options_);
+                });
             });
         },
         [this] { fail("slapd has ended: " + slapd_->last_words()); });

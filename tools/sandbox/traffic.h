@@ -44,12 +44,12 @@ public:
     virtual bool are_entries_watched() const = 0; // the entries that searches find
     virtual bool are_values_watched() const = 0;  // which values a change adds and deletes
 
-    virtual void connected(const Client &client) = 0;
-    virtual void disconnected(const Client &client) = 0;
+    virtual void connected(const std::shared_ptr<const Client> &client) = 0;
+    virtual void disconnected(const std::shared_ptr<const Client> &client) = 0;
     virtual void answered(const Answered &exchange) = 0;
-    // An entry goes to a client: the content of the SearchResultEntry, perhaps only its first
-    // bytes.
-    virtual void found(const Client &client, std::int32_t id, std::string_view entry) = 0;
+    // An entry goes to a client, the answer to a search that has only these parts of Answered.
+    // `entry` is the content of the SearchResultEntry, perhaps only its first bytes.
+    virtual void found(const Answered &search, std::string_view entry) = 0;
 };
 
 } // namespace sandbox
