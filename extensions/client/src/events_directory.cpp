@@ -124,8 +124,10 @@ void read_parameters(EventReader &in, EVT_DebugInfo &event) noexcept
         return;
     event.parameters = static_cast<DB_Parameter *>(
         std::calloc(static_cast<std::size_t>(event.paramCount), sizeof *event.parameters));
-    if (event.parameters == nullptr)
+    if (event.parameters == nullptr) {
         in.err = LDAPX_NO_MEMORY;
+        return;
+    }
     step_into(in);
     for (int i = 0; i < event.paramCount && in.err == LDAP_SUCCESS; ++i)
         read_parameter(in, event.parameters[i]);

@@ -266,8 +266,9 @@ void ldap_event_free(void *eventData) noexcept
     if (eventData != nullptr)
         release_by_tag(eventData, static_cast<const ber_tag_t *>(eventData)[-1]);
     // NULL has never been allowed here: the block of a record begins in front of it.
-    std::free(
-        reinterpret_cast<void *>(reinterpret_cast<std::uintptr_t>(eventData) - sizeof(ber_tag_t)));
+    const auto block = reinterpret_cast<std::uintptr_t>(eventData) - sizeof(ber_tag_t);
+    // NOLINTNEXTLINE(performance-no-int-to-ptr,clang-analyzer-unix.Malloc)
+    std::free(reinterpret_cast<void *>(block));
 }
 
 void freeReferralList(int count, EVT_ReferralAddress *replicas) noexcept
