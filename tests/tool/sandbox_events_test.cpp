@@ -559,6 +559,44 @@ TEST(Operations, ConnectionsAndOperationsThatNobodyKnowsAreReported)
               opened.as<EVT_ConnectionEventData>()->connection);
 }
 
+TEST(Operations, WhatNobodyCanReadHurtsNobodyWhileSomebodyWatches)
+{
+    Monitor monitor(sandbox().admin(), {{any}, {response}, {search_entry}});
+    const std::string search_of = whole_search(1, people);
+    const std::string good[] = {
+        simple_bind(1, admin_dn, "secret"),
+        search_of,
+        who_am_i(1),
+        abandon(1, 2),
+        sequence(integer(1) + support::element(LDAP_REQ_ADD, octets(unit("x")) + sequence(""))),
+        sequence(integer(1) + support::element(LDAP_REQ_DELETE, unit("x"))),
+        sequence(integer(1) +
+                 support::element(LDAP_REQ_MODIFY,
+                                  octets(unit("x")) +
+                                      sequence(sequence(support::enumerated(0) +
+                                                        sequence(octets("l") + "1\0"))))),
+        sequence(integer(1) + support::element(LDAP_REQ_MODDN, octets(unit("x")) + octets("ou=y"))),
+        sequence(integer(1) + support::element(LDAP_REQ_COMPARE, octets(unit("x")) + octets("l"))),
+        sequence(integer(1) + support::element(LDAP_REQ_DELETE, unit("x")) +
+                 support::element(0xa0, sequence(octets(LDAP_CONTROL_PRE_READ)) + octets("?"))),
+    };
+    // Each as it is, and with every byte changed; the peer may be told off, and no more.
+    for (const std::string &message : good) {
+        for (std::size_t at = 0; at < std::min<std::size_t>(message.size(), 60); ++at) {
+            std::string odd = message;
+            odd[at] = static_cast<char>(odd[at] ^ 0x15);
+            RawClient raw(sandbox().port());
+            raw.send(odd);
+            raw.send(unbind(99));
+            raw.is_closed(std::chrono::milliseconds(20));
+        }
+    }
+    const Session other = sandbox().admin();
+    ASSERT_EQ(add_unit(other, "unhurt"), LDAP_SUCCESS);
+    EXPECT_EQ(monitor.next(entry_add).type, entry_add);
+    EXPECT_EQ(remove_entry(other, unit("unhurt")), LDAP_SUCCESS);
+}
+
 TEST(Operations, OtherMonitorsAreReportedOnRequest)
 {
     Monitor monitor(sandbox().admin(), {{monitor_start}, {monitor_end}});

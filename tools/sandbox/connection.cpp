@@ -496,7 +496,12 @@ void Connection::report(std::int32_t id, const Exchange &exchange, const Message
     ber::read_header(exchange.request, envelope);
     if (exchange.request.size() < envelope.size())
         return; // it came while nobody watched, so only its beginning is here
-    const Message request = read_message(exchange.request);
+    Message request;
+    try {
+        request = read_message(exchange.request);
+    } catch (const ber::Malformed &) {
+        return; // slapd has made something of it
+    }
     ber::Reader response(answer.operation.content);
     Answered answered{who_,
                       exchange.identity,
