@@ -58,8 +58,10 @@ EVT_EventSpecifier *read_rejected(EventReader &in, int &count) noexcept
 
     auto *events = static_cast<EVT_EventSpecifier *>(
         std::malloc(static_cast<std::size_t>(count) * sizeof(EVT_EventSpecifier)));
-    if (events == nullptr)
+    if (events == nullptr) {
         in.err = LDAPX_NO_MEMORY;
+        return nullptr;
+    }
     for (int i = 0; i < count && in.err == LDAP_SUCCESS; ++i) {
         step_into(in);
         read_number(in, events[i].eventType);
