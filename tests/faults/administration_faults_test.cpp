@@ -9,32 +9,11 @@
 #include "support/ber.h"
 #include "support/berfail.h"
 #include "support/peer.h"
-
-// The leak checker's own switch, where this program is built with one.
-extern "C" {
-[[gnu::weak]] void __lsan_disable();
-[[gnu::weak]] void __lsan_enable();
-}
+#include "support/stated_leak.h"
 
 using namespace support;
 
 namespace {
-
-// What is allocated meanwhile may leak: the manual states it and the test counts it.
-struct StatedLeak {
-    StatedLeak()
-    {
-        if (__lsan_disable != nullptr)
-            __lsan_disable();
-    }
-    ~StatedLeak()
-    {
-        if (__lsan_enable != nullptr)
-            __lsan_enable();
-    }
-    StatedLeak(const StatedLeak &) = delete;
-    StatedLeak &operator=(const StatedLeak &) = delete;
-};
 
 bool is_filter(const Operation &row)
 {

@@ -7,6 +7,7 @@
 #include "support/berfail.h"
 #include "support/event_session.h"
 #include "support/response.h"
+#include "support/stated_leak.h"
 
 using namespace support;
 
@@ -153,6 +154,7 @@ struct Closing {
     }
     void parse(const Collected &response)
     {
+        const StatedLeak name_of_the_response;
         code = ldap_parse_monitor_events_response(response.ld(), response.message(), &result,
                                                   &message, &count, &events, 0);
         EXPECT_EQ(response.session_code(), code);
@@ -303,6 +305,7 @@ TEST_F(MessageFaults, reach_decoders_that_store_their_result_once_too)
             const Element ber = element_of(fields);
             void *data = nullptr, *ip = nullptr;
             {
+                const StatedLeak list_that_breaks_off;
                 Calls calls;
                 kind.decoder(session.ld(), ber.get(), &data, &ip);
                 EXPECT_EQ(calls.count("ldap_set_option"), 1) << kind.name;

@@ -409,6 +409,14 @@ TEST_F(EventMemory, an_authentication_without_memory_for_its_mechanism_is_decode
     EXPECT_EQ(describe_address(ip), trailer_text());
 }
 
+TEST_F(EventMemory, a_record_without_memory_is_NULL)
+{
+    void *record = this;
+    measure_failing(Fail::once, 1, [&] { record = allocEventData(8, EVT_TAG_SKULK); });
+    EXPECT_EQ(record, nullptr);
+    EXPECT_EQ(allocEventData(static_cast<std::size_t>(-1) / 2, EVT_TAG_SKULK), nullptr);
+}
+
 TEST_F(EventMemory, strings_without_memory_are_NULL_and_unread)
 {
     const Element ber = element_of(octets("hello"));

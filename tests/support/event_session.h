@@ -17,6 +17,7 @@
 
 #include "support/events.h"
 #include "support/peer.h"
+#include "support/stated_leak.h"
 
 namespace support {
 
@@ -113,6 +114,7 @@ public:
     Verdict parse(const EventKind &kind, std::string_view fields, std::string_view trailer = {})
     {
         const Message received = message(notification(1, 2, kind.tag, fields, trailer));
+        const BrokenOffList leak(kind);
         const Event event = parse_message(received.get());
         EXPECT_EQ(event.type, 1);
         EXPECT_EQ(event.result, 2);
@@ -139,7 +141,10 @@ public:
         void *data = &event;
         void *ip = nullptr;
         set_session_code(77);
-        event.code = kind.decoder(ld(), ber.get(), &data, &ip);
+        {
+            const BrokenOffList leak(kind);
+            event.code = kind.decoder(ld(), ber.get(), &data, &ip);
+        }
         EXPECT_EQ(peer.session_code(), event.code);
         event.data.reset(data);
         event.ip.reset(ip);
@@ -158,6 +163,16 @@ public:
     int id = 0;
 
 private:
+    // A referral list that breaks off loses its first address.
+    struct BrokenOffList {
+        explicit BrokenOffList(const EventKind &kind)
+        {
+            if (kind.tag == EVT_TAG_SEV_INFO)
+                leak.emplace();
+        }
+        std::optional<StatedLeak> leak;
+    };
+
     static Verdict verdict_of(const EventKind &kind, const Event &event)
     {
         Verdict verdict;

@@ -1073,7 +1073,7 @@ Verdict expected_verdict(const EventKind &kind, std::string_view bytes, bool ass
         verdict.unread = rules.unread();
         return verdict;
     } catch (const Stop &stop) {
-        return {stop.code, stop.assertion, {}, "none", 0};
+        return {stop.code, stop.assertion, stop.code == 0 ? verdict.text : Text(), "none", 0};
     }
 }
 

@@ -98,7 +98,7 @@ std::string describe_address(const void *record); // "none" for NULL
 struct Verdict {
     int code = 0;
     std::string assertion{}; // its text, where the process stops instead
-    Text text{};             // the record; of a failure, nothing
+    Text text{};             // the record; of an assertion, the fields before it
     std::string trailer = "none";
     std::size_t unread = 0; // after success
 

@@ -4,6 +4,7 @@
 
 #include <iterator>
 #include <memory>
+#include <set>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -32,7 +33,9 @@ protected:
     {
         const Verdict expected = expected_verdict(kind, fields, asserting);
         if (!expected.assertion.empty()) {
-            deaths++;
+            // A process for each place that can stop it is enough.
+            if (!stops_seen.insert(expected.text.size()).second)
+                return;
             EXPECT_DEATH(session.decode(kind, fields), assertion(expected)) << hex(fields);
             return;
         }
@@ -50,7 +53,7 @@ protected:
         return pattern + "' failed";
     }
 
-    int deaths = 0;
+    std::set<std::size_t> stops_seen; // numbers of fields before the stop
 };
 
 INSTANTIATE_TEST_SUITE_P(, AnyEvent, testing::ValuesIn(event_kinds()),
@@ -93,7 +96,7 @@ TEST_P(AnyEvent, without_its_optional_parts_treats_a_trailer_as_the_rules_say)
 TEST_P(AnyEvent, decodes_whatever_values_its_fields_have)
 {
     std::mt19937 random(kind.tag);
-    for (int i = 0; i < 300; ++i) {
+    for (int i = 0; i < 100; ++i) {
         const Sample sample = any_event(kind, random);
         const Verdict verdict = session.decode(kind, sample.bytes);
         EXPECT_EQ(verdict.code, 0) << hex(sample.bytes);
@@ -108,7 +111,7 @@ TEST_P(AnyEvent, cut_at_every_byte_is_treated_as_the_rules_say)
         check(cut);
     for (const std::string &cut : cuts(least_event(kind).bytes))
         check(cut);
-    EXPECT_EQ(deaths > 0, asserting); // every kind has a string
+    EXPECT_EQ(!stops_seen.empty(), asserting); // every kind has a string
 }
 
 // Stands where a header was and where none was: what matters is that it is one at each position.
@@ -166,7 +169,7 @@ TEST_P(AnyEvent, with_any_byte_altered_is_treated_as_the_rules_say)
 TEST_P(AnyEvent, with_any_element_missing_or_doubled_is_treated_as_the_rules_say)
 {
     std::mt19937 random(kind.tag);
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 40; ++i) {
         const std::string whole = any_event(kind, random).bytes + trailer_bytes();
         std::vector<std::string> elements;
         for (std::string_view rest = whole; !rest.empty();) {
@@ -191,7 +194,7 @@ TEST_P(AnyEvent, with_bytes_altered_by_chance_is_treated_as_the_rules_say)
     const auto pick = [&](std::size_t below) {
         return std::uniform_int_distribution<std::size_t>(0, below - 1)(random);
     };
-    for (int i = 0; i < 3000; ++i) {
+    for (int i = 0; i < 800; ++i) {
         std::string altered = any_event(kind, random).bytes + trailer_bytes();
         for (std::size_t left = 1 + pick(4); left > 0; --left) {
             const std::size_t at = pick(altered.size());
@@ -220,7 +223,7 @@ TEST(EventElement, is_read_in_every_form_that_the_ldap_library_reads)
         return std::uniform_int_distribution<unsigned>(0, below - 1)(random);
     };
     int decoded = 0;
-    for (int i = 0; i < 100000; ++i) {
+    for (int i = 0; i < 20000; ++i) {
         std::string fields;
         for (int element = 0; element < 3; ++element) {
             std::string tag = element == 2 || pick(2) == 0 ? element == 2 ? "\x04" : "\x02" : "";
@@ -249,7 +252,7 @@ TEST(EventElement, is_read_in_every_form_that_the_ldap_library_reads)
             EXPECT_EQ(describe(kind, event.data.get()), expected.text) << hex(fields);
         }
     }
-    EXPECT_GT(decoded, 1000);
+    EXPECT_GT(decoded, 300);
 }
 
 #endif

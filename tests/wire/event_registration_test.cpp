@@ -10,6 +10,7 @@
 #include "support/ber.h"
 #include "support/peer.h"
 #include "support/response.h"
+#include "support/stated_leak.h"
 
 using namespace support;
 
@@ -175,6 +176,7 @@ void parse(const Collected &response, Closing &closing)
     static char nobodys[] = "";
     closing.message = nobodys;
     closing.events = reinterpret_cast<EVT_EventSpecifier *>(nobodys);
+    const StatedLeak name_of_the_response;
     closing.code =
         ldap_parse_monitor_events_response(response.ld(), response.message(), &closing.result,
                                            &closing.message, &closing.count, &closing.events, 0);
@@ -308,6 +310,7 @@ TEST(RegistrationResponse, without_a_name_is_an_answer_without_a_list)
 TEST(RegistrationResponse, is_not_decoded_when_either_place_for_the_list_is_missing)
 {
     Collected response({.name = name, .value = sequence(integer(1), set())});
+    const StatedLeak name_of_the_response;
     int result = untouched, count = untouched;
     EVT_EventSpecifier event{}, *events = &event;
     EXPECT_EQ(ldap_parse_monitor_events_response(response.ld(), response.message(), &result,
@@ -364,6 +367,7 @@ TEST(RegistrationResponse, that_is_no_extended_response_gives_the_code_of_the_ld
 TEST(RegistrationResponse, is_released_on_demand)
 {
     Collected response({.name = name});
+    const StatedLeak name_of_the_response;
     int result = untouched;
     EXPECT_EQ(ldap_parse_monitor_events_response(response.ld(), response.release(), &result,
                                                  nullptr, nullptr, nullptr, 1),
