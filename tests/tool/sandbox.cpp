@@ -3,6 +3,7 @@
 #include <chrono>
 #include <csignal>
 #include <fstream>
+#include <iostream>
 #include <sstream>
 #include <stdexcept>
 
@@ -91,6 +92,14 @@ Finished Sandbox::client_as_admin(const std::string &program, std::vector<std::s
 {
     arguments.insert(arguments.begin(), {"-D", admin_dn(), "-w", "secret"});
     return client(program, std::move(arguments), input);
+}
+
+bool Sandbox::ends_cleanly()
+{
+    process_.signal(SIGTERM);
+    const Finished finished = process_.wait();
+    std::cerr << finished.err;
+    return finished.status == 0 && finished.err.empty() && left_behind().empty();
 }
 
 std::vector<pid_t> Sandbox::children() const

@@ -83,6 +83,8 @@ public:
     {
         return process_;
     }
+    // Asks it to end; true when it does so with nothing to complain about and nothing left behind.
+    bool ends_cleanly();
     std::vector<pid_t> children() const;
     std::vector<std::filesystem::path> left_behind() const;
 

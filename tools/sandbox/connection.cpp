@@ -55,7 +55,7 @@ Connection::Connection(const Service &service, Link::Socket client, Link::Socket
 {
 }
 
-void Connection::start(std::function<void()> ended)
+void Connection::start(bool tls_at_once, std::function<void()> ended)
 {
     ended_ = std::move(ended);
     const auto with_self = [this](void (Connection::*member)()) {
@@ -74,6 +74,8 @@ void Connection::start(std::function<void()> ended)
         {with_self(&Connection::take_responses), with_self(&Connection::take_requests), gone});
     if (service_.traffic != nullptr)
         service_.traffic->connected(who_);
+    if (tls_at_once)
+        client_->start_tls(*service_.tls, with_self(&Connection::take_requests));
     client_->receive();
     slapd_->receive();
 }
@@ -104,8 +106,8 @@ bool Connection::is_open() const
 
 bool Connection::may_take_requests() const
 {
-    return is_open() && !binding_ && !slapd_->congested() && !client_->congested() &&
-           kept_ <= service_.max_message;
+    return is_open() && !binding_ && !client_->is_securing() && !slapd_->congested() &&
+           !client_->congested() && kept_ <= service_.max_message;
 }
 
 void Connection::take_requests()
@@ -141,6 +143,9 @@ bool Connection::take_request(const MessageHead &head)
 
     if (head.operation == LDAP_REQ_EXTENDED && take_extended(read_message(bytes))) {
         client_->consume(head.size);
+        // What came in clear after a StartTLS request must not count as having come under TLS.
+        if (client_->is_securing() && !client_->input().empty())
+            throw ber::Malformed("a request behind StartTLS");
         return true;
     }
     if (response_to(head.operation)) {
@@ -185,6 +190,8 @@ bool Connection::take_extended(const Message &message)
         value = request.text(LDAP_TAG_EXOP_REQ_VALUE);
     request.finish();
 
+    if (name == LDAP_EXOP_START_TLS)
+        return start_tls(message);
     if (name == LDAP_EXOP_CANCEL)
         return cancel(message, value);
     if (!Operations::is_ours(name))
@@ -219,6 +226,26 @@ void Connection::perform(const Message &message, const std::string &name,
     } catch (const ber::Malformed &error) {
         call->answer({LDAP_PROTOCOL_ERROR, operation->title + ": " + error.what(), {}});
     }
+}
+
+// StartTLS (RFC 4511, section 4.14): between the client and here; true when it is offered at all.
+bool Connection::start_tls(const Message &message)
+{
+    if (service_.tls == nullptr)
+        return false;
+    Result result;
+    if (client_->is_secure())
+        result = {LDAP_OPERATIONS_ERROR, "TLS is in use already", {}};
+    else if (!exchanges_.empty() || !calls_.empty())
+        result = {LDAP_OPERATIONS_ERROR, "other operations are outstanding", {}};
+    send_to_client(sandbox::message(message.id, extended_response(result, LDAP_EXOP_START_TLS)));
+    log(message.id, "StartTLS", result, Clock::now());
+    if (result.ok())
+        client_->start_tls(*service_.tls, [weak = weak_from_this()] {
+            if (const auto self = weak.lock())
+                self->take_requests();
+        });
+    return true;
 }
 
 // Cancel (RFC 3909) of one of our own operations; true when it is one.

@@ -27,13 +27,15 @@ struct Service {
     std::size_t max_message;
     std::function<void(const std::string &)> log; // one line per operation; may be empty
     Traffic *traffic = nullptr;                   // who is told what passes, if anybody
+    asio::ssl::context *tls = nullptr;            // for StartTLS; NULL: not offered
 };
 
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
     Connection(const Service &service, Link::Socket client, Link::Socket slapd, Client who);
 
-    void start(std::function<void()> ended);
+    // With TLS from the first byte, or when the client asks for it.
+    void start(bool tls_at_once, std::function<void()> ended);
     // Ends the connection; the client is told why when there is something to tell.
     void end(const Result &notice = {});
 
@@ -67,6 +69,7 @@ private:
 
     bool take_extended(const Message &message);
     void perform(const Message &message, const std::string &name, std::optional<std::string> value);
+    bool start_tls(const Message &message);
     bool cancel(const Message &message, const std::optional<std::string> &value);
     std::string begin_bind(std::string_view bytes);
     void begin_abandon(const Message &message);

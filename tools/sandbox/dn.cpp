@@ -80,24 +80,4 @@ std::string parent_of(const std::string &dn)
     return std::string(text);
 }
 
-std::string escaped(std::string_view value)
-{
-    constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    for (std::size_t i = 0; i < value.size(); ++i) {
-        const char c = value[i];
-        const bool edge = i == 0 || i + 1 == value.size();
-        if (std::string_view("\"+,;<>\\=").find(c) != std::string_view::npos ||
-            (edge && (c == ' ' || c == '#'))) {
-            text += '\\';
-            text += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            text += {'\\', digits[c >> 4 & 0xf], digits[c & 0xf]};
-        } else {
-            text += c;
-        }
-    }
-    return text;
-}
-
 } // namespace sandbox

@@ -4,7 +4,6 @@
 
 #include <optional>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -22,8 +21,5 @@ std::vector<std::string> naming_attributes(const std::string &dn);
 // A name's first RDN and the name of the entry above.
 std::string rdn_of(const std::string &dn);
 std::string parent_of(const std::string &dn);
-
-// A value as it stands in a name.
-std::string escaped(std::string_view value);
 
 } // namespace sandbox

@@ -20,11 +20,11 @@ Gateway::Gateway(asio::io_context &loop, const Service &service, std::string sla
 {
 }
 
-void Gateway::bind(const asio::ip::address &address, std::uint16_t port)
+void Gateway::bind(const asio::ip::address &address, std::uint16_t port, bool tls)
 {
     const Tcp::endpoint endpoint(address, port);
     auto listener =
-        std::make_unique<Listener>(Listener{Tcp::acceptor(loop_), asio::steady_timer(loop_)});
+        std::make_unique<Listener>(Listener{Tcp::acceptor(loop_), asio::steady_timer(loop_), tls});
     listener->acceptor.open(endpoint.protocol());
     listener->acceptor.set_option(asio::socket_base::reuse_address(true));
     listener->acceptor.bind(endpoint);
@@ -44,7 +44,8 @@ std::vector<std::string> Gateway::urls() const
 {
     std::vector<std::string> urls;
     for (const auto &listener : listeners_)
-        urls.push_back("ldap://" + text_of(listener->acceptor.local_endpoint()) + "/");
+        urls.push_back((listener->tls ? "ldaps://" : "ldap://") +
+                       text_of(listener->acceptor.local_endpoint()) + "/");
     return urls;
 }
 
@@ -54,7 +55,7 @@ void Gateway::accept(Listener &listener)
         if (!listener.acceptor.is_open())
             return;
         if (!error) {
-            open(std::move(client));
+            open(std::move(client), listener.tls);
             return accept(listener);
         }
         // Out of descriptors, most likely: wait for a connection to end.
@@ -66,7 +67,7 @@ void Gateway::accept(Listener &listener)
     });
 }
 
-void Gateway::open(Tcp::socket client)
+void Gateway::open(Tcp::socket client, bool tls)
 {
     std::error_code error;
     const Tcp::endpoint peer = client.remote_endpoint(error);
@@ -80,7 +81,7 @@ void Gateway::open(Tcp::socket client)
         service_, std::move(client), std::move(slapd), Client{++last_client_, peer, text_of(peer)});
     connections_.insert(connection);
     connection->start(
-        [this, weak = std::weak_ptr(connection)] { connections_.erase(weak.lock()); });
+        tls, [this, weak = std::weak_ptr(connection)] { connections_.erase(weak.lock()); });
     if (error)
         connection->end({LDAP_UNAVAILABLE, "cannot reach slapd: " + error.message(), {}});
 }

@@ -16,8 +16,9 @@ class Gateway {
 public:
     Gateway(asio::io_context &loop, const Service &service, std::string slapd_socket);
 
-    // Takes an address; std::system_error when it cannot be had. Port 0 takes a free one.
-    void bind(const asio::ip::address &address, std::uint16_t port);
+    // Takes an address; std::system_error when it cannot be had. Port 0 takes a free one. With TLS
+    // from the first byte (ldaps), or without.
+    void bind(const asio::ip::address &address, std::uint16_t port, bool tls);
     void listen();
     // Where it listens: "ldap://127.0.0.1:3890/", in the order of bind().
     std::vector<std::string> urls() const;
@@ -31,10 +32,11 @@ private:
     struct Listener {
         Tcp::acceptor acceptor;
         asio::steady_timer pause;
+        bool tls;
     };
 
     void accept(Listener &listener);
-    void open(Tcp::socket client);
+    void open(Tcp::socket client, bool tls);
 
     asio::io_context &loop_;
     const Service &service_;

@@ -1,13 +1,15 @@
 // One end of a byte stream in the event loop: received bytes wait in a buffer until they are
 // consumed, sent bytes are queued and written in order. Reading goes on only when it is asked
-// for, so whoever owns the link decides how much it may hold.
+// for, so whoever owns the link decides how much it may hold. A link can turn to TLS on the way.
 #pragma once
 
 #include <asio.hpp>
+#include <asio/ssl.hpp>
 
 #include <array>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -26,6 +28,19 @@ public:
     explicit Link(Socket socket);
 
     void start(Events events);
+
+    // The server's side of TLS from here on: what has been sent goes in clear, what is received
+    // next is the other side's hello. Calls `done` when both have agreed, and ends when they do
+    // not.
+    void start_tls(asio::ssl::context &context, std::function<void()> done);
+    bool is_secure() const
+    {
+        return tls_.has_value();
+    }
+    bool is_securing() const
+    {
+        return static_cast<bool>(secured_);
+    }
 
     // Asks for the next bytes. Asking again before they have come changes nothing.
     void receive();
@@ -59,11 +74,19 @@ private:
     static constexpr std::size_t high_water = 256 * 1024;
     static constexpr std::size_t low_water = 64 * 1024;
 
+    template <class Handler>
+    void read_some(Handler handler);
+    template <class Handler>
+    void write_all(Handler handler);
     void write();
+    void handshake();
     void linger();
     void end(const std::string &why);
 
     Socket socket_;
+    std::optional<asio::ssl::stream<Socket &>> tls_;
+    asio::ssl::context *context_ = nullptr;
+    std::function<void()> secured_; // set while TLS is to begin, or beginning
     asio::steady_timer patience_;
     Events events_;
     std::array<char, 32 * 1024> chunk_{};

@@ -20,6 +20,7 @@
 
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <optional>
 #include <strings.h>
 
@@ -29,6 +30,7 @@ namespace {
 
 struct Options {
     std::uint16_t port = 0;
+    std::optional<std::uint16_t> ldaps_port;
     std::vector<std::string> addresses = {"127.0.0.1"};
     LdifFile ldif;
     std::string base;
@@ -38,6 +40,8 @@ struct Options {
     std::string admin_password_file;
     std::vector<std::string> schema_files;
     std::string slapd = "slapd";
+    std::string tls_certificate;
+    std::string tls_key;
     std::uint64_t max_message = 64 * 1024 * 1024;
     std::uint32_t operation_delay = 0;
     EventOptions events;
@@ -85,6 +89,14 @@ void add_options(CLI::App &app, Options &options)
     app.add_option("--address", options.addresses,
                    "Loopback address to listen on, such as ::1; may be given several times")
         ->capture_default_str();
+    auto *certificate =
+        app.add_option("--tls-cert", options.tls_certificate,
+                       "Offer StartTLS with this certificate (PEM, with its chain)");
+    auto *key = app.add_option("--tls-key", options.tls_key, "The certificate's key (PEM)");
+    certificate->needs(key);
+    key->needs(certificate);
+    app.add_option("--ldaps-port", options.ldaps_port, "Listen on this port too, with TLS at once")
+        ->needs(certificate);
     app.add_option("--ldif", options.ldif.path, "Load this LDIF file instead of the sample tree");
     app.add_option("--base", options.base,
                    "Naming context [dc=example,dc=com, or the first entry of --ldif]");
@@ -140,26 +152,62 @@ void complete(Options &options)
         options.admin_password = first_line(options.admin_password_file);
 }
 
+void bind(Gateway &gateway, const std::string &text, std::uint16_t port, bool tls)
+{
+    std::error_code error;
+    const asio::ip::address address = asio::ip::make_address(text, error);
+    if (error || !address.is_loopback())
+        throw CLI::ValidationError("--address", text + " is not a loopback address");
+    try {
+        gateway.bind(address, port, tls);
+    } catch (const std::system_error &problem) {
+        std::string reason = problem.code().message();
+        reason.front() = static_cast<char>(std::tolower(reason.front()));
+        if (problem.code() == asio::error::address_in_use)
+            reason += " (is another server there? --port 0 takes any free port)";
+        if (problem.code() == asio::error::access_denied)
+            reason += " (ports below 1024 are the system's: choose a higher one)";
+        throw CannotStart("cannot listen on " + text + ":" + std::to_string(port) + ": " + reason);
+    }
+}
+
 void listen(Gateway &gateway, const Options &options)
 {
-    for (const std::string &text : options.addresses) {
-        std::error_code error;
-        const asio::ip::address address = asio::ip::make_address(text, error);
-        if (error || !address.is_loopback())
-            throw CLI::ValidationError("--address", text + " is not a loopback address");
-        try {
-            gateway.bind(address, options.port);
-        } catch (const std::system_error &problem) {
-            std::string reason = problem.code().message();
-            reason.front() = static_cast<char>(std::tolower(reason.front()));
-            if (problem.code() == asio::error::address_in_use)
-                reason += " (is another server there? --port 0 takes any free port)";
-            if (problem.code() == asio::error::access_denied)
-                reason += " (ports below 1024 are the system's: choose a higher one)";
-            throw CannotStart("cannot listen on " + text + ":" + std::to_string(options.port) +
-                              ": " + reason);
-        }
-    }
+    for (const std::string &address : options.addresses)
+        bind(gateway, address, options.port, false);
+    if (options.ldaps_port)
+        for (const std::string &address : options.addresses)
+            bind(gateway, address, *options.ldaps_port, true);
+}
+
+// What StartTLS and ldaps use; CannotStart when the files are no certificate and its key.
+std::unique_ptr<asio::ssl::context> make_tls(const Options &options)
+{
+    if (options.tls_certificate.empty())
+        return {};
+    auto tls = std::make_unique<asio::ssl::context>(asio::ssl::context::tls_server);
+    tls->set_options(asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1);
+    // Nobody sits there to be asked.
+    tls->set_password_callback(
+        [](std::size_t, asio::ssl::context::password_purpose) { return std::string(); });
+    std::error_code error;
+    tls->use_certificate_chain_file(options.tls_certificate, error);
+    if (error)
+        throw CannotStart("no certificate can be read from " + options.tls_certificate + ": " +
+                          error.message());
+    tls->use_private_key_file(options.tls_key, asio::ssl::context::pem, error);
+    if (error)
+        throw CannotStart("no key of " + options.tls_certificate + " can be read from " +
+                          options.tls_key + ": " + error.message());
+    return tls;
+}
+
+std::vector<std::string> supported_extensions(const Operations &operations, const Options &options)
+{
+    std::vector<std::string> names = operations.names();
+    if (!options.tls_certificate.empty())
+        names.push_back(LDAP_EXOP_START_TLS);
+    return names;
 }
 
 void announce(const Gateway &gateway, const Options &options)
@@ -195,7 +243,11 @@ public:
           sources_(events_, directory_),
           partitions_(loop_, directory_, options.base,
                       std::chrono::milliseconds(options.operation_delay)),
-          service_{operations_, options.max_message, {}, &sources_},
+          tls_(make_tls(options)), service_{operations_,
+                                            options.max_message,
+                                            {},
+                                            &sources_,
+                                            tls_.get()},
           gateway_(loop_, service_, temporary_.path() / "ldapi"),
           wakeup_(loop_, dup(signals_.descriptor()))
     {
@@ -226,6 +278,7 @@ private:
     EventSources sources_;
     Operations operations_;
     Partitions partitions_;
+    std::unique_ptr<asio::ssl::context> tls_;
     Service service_;
     Gateway gateway_;
     std::optional<Slapd> slapd_;
@@ -238,7 +291,8 @@ void Sandbox::run()
     listen(gateway_, options_);
     slapd_.emplace(SlapdSettings{options_.slapd, options_.base, options_.admin_dn,
                                  options_.admin_password, options_.schema_files,
-                                 operations_.names(), options_.max_message, map_size(options_)},
+                                 supported_extensions(operations_, options_), options_.max_message,
+                                 map_size(options_)},
                    temporary_, signals_);
     fill();
     slapd_->start();
