@@ -275,4 +275,10 @@ TEST(SampleTree, KeepsPasswordsAndThePayrollFromThoseWhoShouldNotSeeThem)
     EXPECT_EQ(search(allowed, "ou=payroll," + base, "(cn=record*)").size(), 10U);
 }
 
+// Runs last: with a sanitizer, what was leaked or written astray in all of the above shows here.
+TEST(AfterAll, ItEndsCleanly)
+{
+    EXPECT_TRUE(sandbox().ends_cleanly());
+}
+
 } // namespace

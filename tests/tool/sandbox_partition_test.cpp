@@ -351,4 +351,12 @@ TEST(RunningOperations, AnEntryThatIsDeletedMeanwhileLeavesNothingRunning)
     EXPECT_EQ(abort_operation(admin, engineering), LDAP_SUCCESS);
 }
 
+// Runs last: with a sanitizer, what was leaked or written astray in all of the above shows here.
+TEST(AfterAll, ItEndsCleanly)
+{
+    EXPECT_TRUE(sandbox().ends_cleanly());
+    EXPECT_TRUE(slow_sandbox().ends_cleanly());
+    EXPECT_TRUE(brisk_sandbox().ends_cleanly());
+}
+
 } // namespace

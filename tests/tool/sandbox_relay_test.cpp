@@ -516,4 +516,10 @@ TEST(Operations, TheRootDseListsThemBesideSlapdsOwn)
             << name;
 }
 
+// Runs last: with a sanitizer, what was leaked or written astray in all of the above shows here.
+TEST(AfterAll, ItEndsCleanly)
+{
+    EXPECT_TRUE(sandbox().ends_cleanly());
+}
+
 } // namespace
