@@ -159,6 +159,7 @@ private:
 };
 
 // A NULL-terminated array of them.
+// A NULL-terminated array of them.
 class CStrings {
 public:
     template <class Strings>

@@ -33,12 +33,13 @@ class LayoutReader {
 public:
     explicit LayoutReader(Reader &in) : in_(in) {}
 
-    bool follows(std::string_view layout)
+    // Reads the event's data and its trailer; the reader fails where they are not as they should
+    // be.
+    void follow(std::string_view layout)
     {
         for (const char letter : layout)
             read(letter);
         read_trailer();
-        return in_.ok();
     }
 
 private:

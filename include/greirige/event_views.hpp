@@ -10,7 +10,6 @@
 #include <optional>
 #include <span>
 #include <string_view>
-#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <variant>
@@ -261,30 +260,20 @@ inline std::vector<Referral> view_referrals(const EVT_SEVInfo &record)
     return views;
 }
 
-// One row of a view's table: the field's name, the view's member, and where its value comes from:
-// a member of the record, or a function of the whole record.
-template <class Member, class Source>
-struct Field {
-    std::string_view name;
-    Member member;
-    Source source;
-};
-template <class Member, class Source>
-Field(std::string_view, Member, Source) -> Field<Member, Source>;
-
 } // namespace detail
 
 // ---- Views --------------------------------------------------------------------------------------
 //
 // One type for each kind of event. Beside its fields each has the C record that it shows, its tag,
-// and two tables that the layer works with: layout() is what stands on the wire, one letter for
-// each element (see detail::LayoutReader), fields() the fields by name for for_each_field().
+// and two tables that the layer works with: layout is what stands on the wire, one letter for each
+// element (see event_layout.hpp); fields() calls visit(name, the view's member, where its value
+// comes from), which is a member of the record or a function of the whole record.
 
 // An event without data: a skulk event, or one of a kind that nothing is known of.
 struct NoData {
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&)
     {
-        return std::tuple();
     }
 };
 
@@ -302,17 +291,17 @@ struct EntryEvent {
     TimeStamp creation_time;
     Text new_dn;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = EntryEvent;
-        return std::tuple(
-            detail::Field{"perpetrator_dn", &View::perpetrator_dn, &Record::perpetratorDN},
-            detail::Field{"entry_dn", &View::entry_dn, &Record::entryDN},
-            detail::Field{"class_name", &View::class_name, &Record::className},
-            detail::Field{"verb", &View::verb, &Record::verb},
-            detail::Field{"flags", &View::flags, &Record::flags},
-            detail::Field{"creation_time", &View::creation_time, &Record::creationTime},
-            detail::Field{"new_dn", &View::new_dn, &Record::newDN});
+        visit("perpetrator_dn", &View::perpetrator_dn, &Record::perpetratorDN);
+        visit("entry_dn", &View::entry_dn, &Record::entryDN);
+        visit("class_name", &View::class_name, &Record::className);
+        visit("verb", &View::verb, &Record::verb);
+        visit("flags", &View::flags, &Record::flags);
+        visit("creation_time", &View::creation_time, &Record::creationTime);
+        visit("new_dn", &View::new_dn, &Record::newDN);
     }
 };
 
@@ -331,20 +320,19 @@ struct ValueEvent {
     TimeStamp time_stamp;
     Bytes value;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = ValueEvent;
-        return std::tuple(
-            detail::Field{"verb", &View::verb, &Record::verb},
-            detail::Field{"perpetrator_dn", &View::perpetrator_dn, &Record::perpetratorDN},
-            detail::Field{"entry_dn", &View::entry_dn, &Record::entryDN},
-            detail::Field{"attribute_name", &View::attribute_name, &Record::attributeName},
-            detail::Field{"syntax_oid", &View::syntax_oid, &Record::syntaxOID},
-            detail::Field{"class_name", &View::class_name, &Record::className},
-            detail::Field{"time_stamp", &View::time_stamp, &Record::timeStamp},
-            detail::Field{"value", &View::value, [](const Record &r) {
-                              return detail::view_bytes(r.value, r.size);
-                          }});
+        visit("verb", &View::verb, &Record::verb);
+        visit("perpetrator_dn", &View::perpetrator_dn, &Record::perpetratorDN);
+        visit("entry_dn", &View::entry_dn, &Record::entryDN);
+        visit("attribute_name", &View::attribute_name, &Record::attributeName);
+        visit("syntax_oid", &View::syntax_oid, &Record::syntaxOID);
+        visit("class_name", &View::class_name, &Record::className);
+        visit("time_stamp", &View::time_stamp, &Record::timeStamp);
+        visit("value", &View::value,
+              [](const Record &r) { return detail::view_bytes(r.value, r.size); });
     }
 };
 
@@ -362,24 +350,21 @@ struct GeneralEvent {
     std::array<std::uint32_t, 4> numbers{}; // unused ones are 0
     std::array<Text, 3> strings{};
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = GeneralEvent;
-        return std::tuple(
-            detail::Field{"time", &View::time, &Record::dstime},
-            detail::Field{"milliseconds", &View::milliseconds, &Record::milliseconds},
-            detail::Field{"process", &View::process, &Record::curProcess},
-            detail::Field{"verb", &View::verb, &Record::verb},
-            detail::Field{"perpetrator_dn", &View::perpetrator_dn, &Record::perpetratorDN},
-            detail::Field{"numbers", &View::numbers,
-                          [](const Record &r) {
-                              return std::to_array(r.intValues);
-                          }},
-            detail::Field{"strings", &View::strings, [](const Record &r) {
-                              return std::array<Text, 3>{detail::view(r.strValues[0]),
-                                                         detail::view(r.strValues[1]),
-                                                         detail::view(r.strValues[2])};
-                          }});
+        visit("time", &View::time, &Record::dstime);
+        visit("milliseconds", &View::milliseconds, &Record::milliseconds);
+        visit("process", &View::process, &Record::curProcess);
+        visit("verb", &View::verb, &Record::verb);
+        visit("perpetrator_dn", &View::perpetrator_dn, &Record::perpetratorDN);
+        visit("numbers", &View::numbers,
+              [](const Record &r) { return std::to_array(r.intValues); });
+        visit("strings", &View::strings, [](const Record &r) {
+            return std::array<Text, 3>{detail::view(r.strValues[0]), detail::view(r.strValues[1]),
+                                       detail::view(r.strValues[2])};
+        });
     }
 };
 
@@ -395,15 +380,15 @@ struct BinderyObjectEvent {
     std::uint32_t security = 0;
     Text name;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = BinderyObjectEvent;
-        return std::tuple(
-            detail::Field{"entry_dn", &View::entry_dn, &Record::entryDN},
-            detail::Field{"type", &View::type, &Record::type},
-            detail::Field{"emulated_flags", &View::emulated_flags, &Record::emuObjFlags},
-            detail::Field{"security", &View::security, &Record::security},
-            detail::Field{"name", &View::name, &Record::name});
+        visit("entry_dn", &View::entry_dn, &Record::entryDN);
+        visit("type", &View::type, &Record::type);
+        visit("emulated_flags", &View::emulated_flags, &Record::emuObjFlags);
+        visit("security", &View::security, &Record::security);
+        visit("name", &View::name, &Record::name);
     }
 };
 
@@ -418,15 +403,15 @@ struct ServerToServerEvent {
     Text value_dn;
     std::vector<Referral> referrals;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = ServerToServerEvent;
-        return std::tuple(detail::Field{"entry_dn", &View::entry_dn, &Record::entryDN},
-                          detail::Field{"retry_count", &View::retry_count, &Record::retryCount},
-                          detail::Field{"value_dn", &View::value_dn, &Record::valueDN},
-                          detail::Field{"referrals", &View::referrals, [](const Record &r) {
-                                            return detail::view_referrals(r);
-                                        }});
+        visit("entry_dn", &View::entry_dn, &Record::entryDN);
+        visit("retry_count", &View::retry_count, &Record::retryCount);
+        visit("value_dn", &View::value_dn, &Record::valueDN);
+        visit("referrals", &View::referrals,
+              [](const Record &r) { return detail::view_referrals(r); });
     }
 };
 
@@ -442,20 +427,16 @@ struct ModuleStateEvent {
     std::string_view name;
     std::string_view description;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = ModuleStateEvent;
-        return std::tuple(
-            detail::Field{"connection_dn", &View::connection_dn, &Record::connectionDN},
-            detail::Field{"flags", &View::flags, &Record::flags},
-            detail::Field{"source_module", &View::source_module, &Record::sourceModule},
-            detail::Field{"name", &View::name,
-                          [](const Record &r) {
-                              return std::string_view(r.name);
-                          }},
-            detail::Field{"description", &View::description, [](const Record &r) {
-                              return std::string_view(r.description);
-                          }});
+        visit("connection_dn", &View::connection_dn, &Record::connectionDN);
+        visit("flags", &View::flags, &Record::flags);
+        visit("source_module", &View::source_module, &Record::sourceModule);
+        visit("name", &View::name, [](const Record &r) { return std::string_view(r.name); });
+        visit("description", &View::description,
+              [](const Record &r) { return std::string_view(r.description); });
     }
 };
 
@@ -467,12 +448,11 @@ struct NetAddressEvent {
 
     Address address;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = NetAddressEvent;
-        return std::tuple(detail::Field{"address", &View::address, [](const Record &r) {
-                                            return detail::view(r);
-                                        }});
+        visit("address", &View::address, [](const Record &r) { return detail::view(r); });
     }
 };
 
@@ -487,14 +467,14 @@ struct ConnectionStateEvent {
     std::uint32_t new_flags = 0;
     Text source_module;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = ConnectionStateEvent;
-        return std::tuple(
-            detail::Field{"connection_dn", &View::connection_dn, &Record::connectionDN},
-            detail::Field{"old_flags", &View::old_flags, &Record::oldFlags},
-            detail::Field{"new_flags", &View::new_flags, &Record::newFlags},
-            detail::Field{"source_module", &View::source_module, &Record::sourceModule});
+        visit("connection_dn", &View::connection_dn, &Record::connectionDN);
+        visit("old_flags", &View::old_flags, &Record::oldFlags);
+        visit("new_flags", &View::new_flags, &Record::newFlags);
+        visit("source_module", &View::source_module, &Record::sourceModule);
     }
 };
 
@@ -511,20 +491,18 @@ struct ServerAddressEvent {
     Text stack_name;
     Text source_module;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = ServerAddressEvent;
-        return std::tuple(
-            detail::Field{"flags", &View::flags, &Record::flags},
-            detail::Field{"protocol", &View::protocol, &Record::proto},
-            detail::Field{"address_family", &View::address_family, &Record::addrFamily},
-            detail::Field{"address", &View::address,
-                          [](const Record &r) {
-                              return detail::view_bytes(r.addr,
-                                                        static_cast<std::size_t>(r.addrSize));
-                          }},
-            detail::Field{"stack_name", &View::stack_name, &Record::pstkname},
-            detail::Field{"source_module", &View::source_module, &Record::sourceModule});
+        visit("flags", &View::flags, &Record::flags);
+        visit("protocol", &View::protocol, &Record::proto);
+        visit("address_family", &View::address_family, &Record::addrFamily);
+        visit("address", &View::address, [](const Record &r) {
+            return detail::view_bytes(r.addr, static_cast<std::size_t>(r.addrSize));
+        });
+        visit("stack_name", &View::stack_name, &Record::pstkname);
+        visit("source_module", &View::source_module, &Record::sourceModule);
     }
 };
 
@@ -538,14 +516,13 @@ struct ConfigParameterEvent {
     Text name;
     ConfigValue value;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = ConfigParameterEvent;
-        return std::tuple(detail::Field{"type", &View::type, &Record::type},
-                          detail::Field{"name", &View::name, &Record::name},
-                          detail::Field{"value", &View::value, [](const Record &r) {
-                                            return detail::view_config(r);
-                                        }});
+        visit("type", &View::type, &Record::type);
+        visit("name", &View::name, &Record::name);
+        visit("value", &View::value, [](const Record &r) { return detail::view_config(r); });
     }
 };
 
@@ -563,17 +540,17 @@ struct StatusLogEvent {
     Text message;
     Text status_document;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = StatusLogEvent;
-        return std::tuple(
-            detail::Field{"time", &View::time, &Record::logTime},
-            detail::Field{"module_name", &View::module_name, &Record::moduleName},
-            detail::Field{"message_level", &View::message_level, &Record::messageLevel},
-            detail::Field{"message_event", &View::message_event, &Record::messageEvent},
-            detail::Field{"message_code", &View::message_code, &Record::messageCode},
-            detail::Field{"message", &View::message, &Record::messageDesc},
-            detail::Field{"status_document", &View::status_document, &Record::statusDoc});
+        visit("time", &View::time, &Record::logTime);
+        visit("module_name", &View::module_name, &Record::moduleName);
+        visit("message_level", &View::message_level, &Record::messageLevel);
+        visit("message_event", &View::message_event, &Record::messageEvent);
+        visit("message_code", &View::message_code, &Record::messageCode);
+        visit("message", &View::message, &Record::messageDesc);
+        visit("status_document", &View::status_document, &Record::statusDoc);
     }
 };
 
@@ -590,18 +567,17 @@ struct DebugEvent {
     std::int32_t verb = 0;
     std::vector<DebugParameter> parameters;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = DebugEvent;
-        return std::tuple(
-            detail::Field{"time", &View::time, &Record::dsTime},
-            detail::Field{"milliseconds", &View::milliseconds, &Record::milliseconds},
-            detail::Field{"perpetrator_dn", &View::perpetrator_dn, &Record::perpetratorDN},
-            detail::Field{"format", &View::format, &Record::formatString},
-            detail::Field{"verb", &View::verb, &Record::verb},
-            detail::Field{"parameters", &View::parameters, [](const Record &r) {
-                              return detail::view_parameters(r);
-                          }});
+        visit("time", &View::time, &Record::dsTime);
+        visit("milliseconds", &View::milliseconds, &Record::milliseconds);
+        visit("perpetrator_dn", &View::perpetrator_dn, &Record::perpetratorDN);
+        visit("format", &View::format, &Record::formatString);
+        visit("verb", &View::verb, &Record::verb);
+        visit("parameters", &View::parameters,
+              [](const Record &r) { return detail::view_parameters(r); });
     }
 };
 
@@ -620,17 +596,18 @@ struct AuthenticationEvent {
     std::vector<std::string_view> controls; // their OIDs
     std::int32_t result_code = 0;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = AuthenticationEvent;
-        return std::tuple(detail::Field{"connection", &View::connection, &Record::connectionData},
-                          detail::Field{"message_id", &View::message_id, &Record::msgID},
-                          detail::Field{"time", &View::time, &Record::time},
-                          detail::Field{"bind_dn", &View::bind_dn, &Record::bindDN},
-                          detail::Field{"bind_type", &View::bind_type, &Record::bindType},
-                          detail::Field{"mechanism", &View::mechanism, &Record::authMechanism},
-                          detail::Field{"controls", &View::controls, &Record::controlOID},
-                          detail::Field{"result_code", &View::result_code, &Record::resultCode});
+        visit("connection", &View::connection, &Record::connectionData);
+        visit("message_id", &View::message_id, &Record::msgID);
+        visit("time", &View::time, &Record::time);
+        visit("bind_dn", &View::bind_dn, &Record::bindDN);
+        visit("bind_type", &View::bind_type, &Record::bindType);
+        visit("mechanism", &View::mechanism, &Record::authMechanism);
+        visit("controls", &View::controls, &Record::controlOID);
+        visit("result_code", &View::result_code, &Record::resultCode);
     }
 };
 
@@ -644,12 +621,13 @@ struct ConnectionEvent {
     std::uint32_t time = 0;
     Text address;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = ConnectionEvent;
-        return std::tuple(detail::Field{"connection", &View::connection, &Record::connection},
-                          detail::Field{"time", &View::time, &Record::time},
-                          detail::Field{"address", &View::address, &Record::inetAddr});
+        visit("connection", &View::connection, &Record::connection);
+        visit("time", &View::time, &Record::time);
+        visit("address", &View::address, &Record::inetAddr);
     }
 };
 
@@ -670,19 +648,20 @@ struct SearchEvent {
     std::vector<std::string_view> controls;
     std::int32_t result_code = 0;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = SearchEvent;
-        return std::tuple(detail::Field{"connection", &View::connection, &Record::connectionData},
-                          detail::Field{"message_id", &View::message_id, &Record::msgID},
-                          detail::Field{"time", &View::time, &Record::time},
-                          detail::Field{"bind_dn", &View::bind_dn, &Record::bindDN},
-                          detail::Field{"base", &View::base, &Record::base},
-                          detail::Field{"scope", &View::scope, &Record::scope},
-                          detail::Field{"filter", &View::filter, &Record::filter},
-                          detail::Field{"attributes", &View::attributes, &Record::attrs},
-                          detail::Field{"controls", &View::controls, &Record::controlOID},
-                          detail::Field{"result_code", &View::result_code, &Record::resultCode});
+        visit("connection", &View::connection, &Record::connectionData);
+        visit("message_id", &View::message_id, &Record::msgID);
+        visit("time", &View::time, &Record::time);
+        visit("bind_dn", &View::bind_dn, &Record::bindDN);
+        visit("base", &View::base, &Record::base);
+        visit("scope", &View::scope, &Record::scope);
+        visit("filter", &View::filter, &Record::filter);
+        visit("attributes", &View::attributes, &Record::attrs);
+        visit("controls", &View::controls, &Record::controlOID);
+        visit("result_code", &View::result_code, &Record::resultCode);
     }
 };
 
@@ -700,16 +679,17 @@ struct SearchEntryEvent {
     std::vector<std::string_view> attributes;
     std::int32_t result_code = 0;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = SearchEntryEvent;
-        return std::tuple(detail::Field{"connection", &View::connection, &Record::connectionData},
-                          detail::Field{"message_id", &View::message_id, &Record::msgID},
-                          detail::Field{"time", &View::time, &Record::time},
-                          detail::Field{"entry_dn", &View::entry_dn, &Record::entryDN},
-                          detail::Field{"class_name", &View::class_name, &Record::className},
-                          detail::Field{"attributes", &View::attributes, &Record::attrs},
-                          detail::Field{"result_code", &View::result_code, &Record::resultCode});
+        visit("connection", &View::connection, &Record::connectionData);
+        visit("message_id", &View::message_id, &Record::msgID);
+        visit("time", &View::time, &Record::time);
+        visit("entry_dn", &View::entry_dn, &Record::entryDN);
+        visit("class_name", &View::class_name, &Record::className);
+        visit("attributes", &View::attributes, &Record::attrs);
+        visit("result_code", &View::result_code, &Record::resultCode);
     }
 };
 
@@ -729,18 +709,19 @@ struct UpdateEvent {
     std::vector<std::string_view> controls;
     std::int32_t result_code = 0;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = UpdateEvent;
-        return std::tuple(detail::Field{"connection", &View::connection, &Record::connectionData},
-                          detail::Field{"message_id", &View::message_id, &Record::msgID},
-                          detail::Field{"time", &View::time, &Record::time},
-                          detail::Field{"operation", &View::operation, &Record::operation},
-                          detail::Field{"bind_dn", &View::bind_dn, &Record::bindDN},
-                          detail::Field{"entry_dn", &View::entry_dn, &Record::entryDN},
-                          detail::Field{"class_name", &View::class_name, &Record::className},
-                          detail::Field{"controls", &View::controls, &Record::controlOID},
-                          detail::Field{"result_code", &View::result_code, &Record::resultCode});
+        visit("connection", &View::connection, &Record::connectionData);
+        visit("message_id", &View::message_id, &Record::msgID);
+        visit("time", &View::time, &Record::time);
+        visit("operation", &View::operation, &Record::operation);
+        visit("bind_dn", &View::bind_dn, &Record::bindDN);
+        visit("entry_dn", &View::entry_dn, &Record::entryDN);
+        visit("class_name", &View::class_name, &Record::className);
+        visit("controls", &View::controls, &Record::controlOID);
+        visit("result_code", &View::result_code, &Record::resultCode);
     }
 };
 
@@ -760,19 +741,19 @@ struct CompareEvent {
     Text class_name;
     std::int32_t result_code = 0;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = CompareEvent;
-        return std::tuple(
-            detail::Field{"connection", &View::connection, &Record::connectionData},
-            detail::Field{"message_id", &View::message_id, &Record::msgID},
-            detail::Field{"time", &View::time, &Record::time},
-            detail::Field{"bind_dn", &View::bind_dn, &Record::bindDN},
-            detail::Field{"compare_dn", &View::compare_dn, &Record::compareDN},
-            detail::Field{"assertion_type", &View::assertion_type, &Record::assertionType},
-            detail::Field{"assertion_value", &View::assertion_value, &Record::assertionValue},
-            detail::Field{"class_name", &View::class_name, &Record::className},
-            detail::Field{"result_code", &View::result_code, &Record::resultCode});
+        visit("connection", &View::connection, &Record::connectionData);
+        visit("message_id", &View::message_id, &Record::msgID);
+        visit("time", &View::time, &Record::time);
+        visit("bind_dn", &View::bind_dn, &Record::bindDN);
+        visit("compare_dn", &View::compare_dn, &Record::compareDN);
+        visit("assertion_type", &View::assertion_type, &Record::assertionType);
+        visit("assertion_value", &View::assertion_value, &Record::assertionValue);
+        visit("class_name", &View::class_name, &Record::className);
+        visit("result_code", &View::result_code, &Record::resultCode);
     }
 };
 
@@ -792,18 +773,19 @@ struct RenameEvent {
     std::vector<std::string_view> controls;
     std::int32_t result_code = 0;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = RenameEvent;
-        return std::tuple(detail::Field{"connection", &View::connection, &Record::connectionData},
-                          detail::Field{"message_id", &View::message_id, &Record::msgID},
-                          detail::Field{"time", &View::time, &Record::time},
-                          detail::Field{"bind_dn", &View::bind_dn, &Record::bindDN},
-                          detail::Field{"old_rdn", &View::old_rdn, &Record::oldRDN},
-                          detail::Field{"new_rdn", &View::new_rdn, &Record::newRDN},
-                          detail::Field{"class_name", &View::class_name, &Record::className},
-                          detail::Field{"controls", &View::controls, &Record::controlOID},
-                          detail::Field{"result_code", &View::result_code, &Record::resultCode});
+        visit("connection", &View::connection, &Record::connectionData);
+        visit("message_id", &View::message_id, &Record::msgID);
+        visit("time", &View::time, &Record::time);
+        visit("bind_dn", &View::bind_dn, &Record::bindDN);
+        visit("old_rdn", &View::old_rdn, &Record::oldRDN);
+        visit("new_rdn", &View::new_rdn, &Record::newRDN);
+        visit("class_name", &View::class_name, &Record::className);
+        visit("controls", &View::controls, &Record::controlOID);
+        visit("result_code", &View::result_code, &Record::resultCode);
     }
 };
 
@@ -820,15 +802,16 @@ struct AbandonEvent {
     Text bind_dn;
     std::int32_t result_code = 0;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = AbandonEvent;
-        return std::tuple(detail::Field{"connection", &View::connection, &Record::connectionData},
-                          detail::Field{"message_id", &View::message_id, &Record::msgID},
-                          detail::Field{"time", &View::time, &Record::time},
-                          detail::Field{"operation", &View::operation, &Record::operation},
-                          detail::Field{"bind_dn", &View::bind_dn, &Record::bindDN},
-                          detail::Field{"result_code", &View::result_code, &Record::resultCode});
+        visit("connection", &View::connection, &Record::connectionData);
+        visit("message_id", &View::message_id, &Record::msgID);
+        visit("time", &View::time, &Record::time);
+        visit("operation", &View::operation, &Record::operation);
+        visit("bind_dn", &View::bind_dn, &Record::bindDN);
+        visit("result_code", &View::result_code, &Record::resultCode);
     }
 };
 
@@ -846,17 +829,17 @@ struct ExtendedOperationEvent {
     Text bind_dn;
     std::int32_t result_code = 0;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = ExtendedOperationEvent;
-        return std::tuple(
-            detail::Field{"connection", &View::connection, &Record::connectionData},
-            detail::Field{"message_id", &View::message_id, &Record::msgID},
-            detail::Field{"time", &View::time, &Record::time},
-            detail::Field{"operation", &View::operation, &Record::operation},
-            detail::Field{"extension_oid", &View::extension_oid, &Record::extensionOID},
-            detail::Field{"bind_dn", &View::bind_dn, &Record::bindDN},
-            detail::Field{"result_code", &View::result_code, &Record::resultCode});
+        visit("connection", &View::connection, &Record::connectionData);
+        visit("message_id", &View::message_id, &Record::msgID);
+        visit("time", &View::time, &Record::time);
+        visit("operation", &View::operation, &Record::operation);
+        visit("extension_oid", &View::extension_oid, &Record::extensionOID);
+        visit("bind_dn", &View::bind_dn, &Record::bindDN);
+        visit("result_code", &View::result_code, &Record::resultCode);
     }
 };
 
@@ -878,21 +861,21 @@ struct SystemExtendedOperationEvent {
     Text value4;
     std::int32_t result_code = 0;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = SystemExtendedOperationEvent;
-        return std::tuple(
-            detail::Field{"connection", &View::connection, &Record::connectionData},
-            detail::Field{"message_id", &View::message_id, &Record::msgID},
-            detail::Field{"time", &View::time, &Record::time},
-            detail::Field{"operation", &View::operation, &Record::operation},
-            detail::Field{"extension_oid", &View::extension_oid, &Record::extensionOID},
-            detail::Field{"bind_dn", &View::bind_dn, &Record::bindDN},
-            detail::Field{"value1", &View::value1, &Record::value1},
-            detail::Field{"value2", &View::value2, &Record::value2},
-            detail::Field{"value3", &View::value3, &Record::value3},
-            detail::Field{"value4", &View::value4, &Record::value4},
-            detail::Field{"result_code", &View::result_code, &Record::resultCode});
+        visit("connection", &View::connection, &Record::connectionData);
+        visit("message_id", &View::message_id, &Record::msgID);
+        visit("time", &View::time, &Record::time);
+        visit("operation", &View::operation, &Record::operation);
+        visit("extension_oid", &View::extension_oid, &Record::extensionOID);
+        visit("bind_dn", &View::bind_dn, &Record::bindDN);
+        visit("value1", &View::value1, &Record::value1);
+        visit("value2", &View::value2, &Record::value2);
+        visit("value3", &View::value3, &Record::value3);
+        visit("value4", &View::value4, &Record::value4);
+        visit("result_code", &View::result_code, &Record::resultCode);
     }
 };
 
@@ -910,16 +893,17 @@ struct ResponseEvent {
     Text matched_dn;
     std::vector<std::string_view> referrals;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = ResponseEvent;
-        return std::tuple(detail::Field{"connection", &View::connection, &Record::connectionData},
-                          detail::Field{"message_id", &View::message_id, &Record::msgID},
-                          detail::Field{"time", &View::time, &Record::time},
-                          detail::Field{"operation", &View::operation, &Record::operation},
-                          detail::Field{"result_code", &View::result_code, &Record::resultCode},
-                          detail::Field{"matched_dn", &View::matched_dn, &Record::matchedDN},
-                          detail::Field{"referrals", &View::referrals, &Record::referral});
+        visit("connection", &View::connection, &Record::connectionData);
+        visit("message_id", &View::message_id, &Record::msgID);
+        visit("time", &View::time, &Record::time);
+        visit("operation", &View::operation, &Record::operation);
+        visit("result_code", &View::result_code, &Record::resultCode);
+        visit("matched_dn", &View::matched_dn, &Record::matchedDN);
+        visit("referrals", &View::referrals, &Record::referral);
     }
 };
 
@@ -937,17 +921,17 @@ struct PasswordModifyEvent {
     std::int32_t modify_type = 0;
     std::int32_t result_code = 0;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = PasswordModifyEvent;
-        return std::tuple(
-            detail::Field{"connection", &View::connection, &Record::connectionData},
-            detail::Field{"message_id", &View::message_id, &Record::msgID},
-            detail::Field{"time", &View::time, &Record::time},
-            detail::Field{"bind_dn", &View::bind_dn, &Record::bindDN},
-            detail::Field{"entry_dn", &View::entry_dn, &Record::entryDN},
-            detail::Field{"modify_type", &View::modify_type, &Record::passwordModifyType},
-            detail::Field{"result_code", &View::result_code, &Record::resultCode});
+        visit("connection", &View::connection, &Record::connectionData);
+        visit("message_id", &View::message_id, &Record::msgID);
+        visit("time", &View::time, &Record::time);
+        visit("bind_dn", &View::bind_dn, &Record::bindDN);
+        visit("entry_dn", &View::entry_dn, &Record::entryDN);
+        visit("modify_type", &View::modify_type, &Record::passwordModifyType);
+        visit("result_code", &View::result_code, &Record::resultCode);
     }
 };
 
@@ -960,11 +944,12 @@ struct UnknownOperationEvent {
     std::uint32_t time = 0;
     Text address;
 
-    static constexpr auto fields()
+    template <class Visit>
+    static void fields(Visit &&visit)
     {
         using View = UnknownOperationEvent;
-        return std::tuple(detail::Field{"time", &View::time, &Record::time},
-                          detail::Field{"address", &View::address, &Record::inetAddr});
+        visit("time", &View::time, &Record::time);
+        visit("address", &View::address, &Record::inetAddr);
     }
 };
 
@@ -985,40 +970,52 @@ using EventData =
 template <class View, class Visitor>
 void for_each_field(const View &view, Visitor &&visit)
 {
-    std::apply([&](const auto &...field) { (visit(field.name, view.*field.member), ...); },
-               View::fields());
+    View::fields(
+        [&](std::string_view name, auto member, const auto &) { visit(name, view.*member); });
 }
 
 namespace detail {
 
-// The view of a record.
+// A record seen through its view.
 template <class View>
-View view_of(const typename View::Record &record)
+EventData view_of(const void *record)
 {
-    View shown;
-    const auto show = [&](const auto &field) {
-        if constexpr (std::is_member_object_pointer_v<decltype(field.source)>)
-            shown.*field.member = view(record.*field.source);
+    const auto &shown = *static_cast<const typename View::Record *>(record);
+    View made;
+    View::fields([&](std::string_view, auto member, const auto &source) {
+        if constexpr (std::is_member_object_pointer_v<std::remove_cvref_t<decltype(source)>>)
+            made.*member = view(shown.*source);
         else
-            shown.*field.member = field.source(record);
-    };
-    std::apply([&](const auto &...field) { (show(field), ...); }, View::fields());
-    return shown;
+            made.*member = source(shown);
+    });
+    return made;
 }
 
-// The view type of a tag: calls function with a std::type_identity of it; with NoData's where the
-// tag has none.
-template <std::size_t Index = 1, class Function>
-decltype(auto) with_view_type(EventTag tag, Function &&function)
+// What is known of a kind of event.
+struct EventKind {
+    EventTag tag;
+    std::string_view layout;
+    EventData (*view)(const void *record);
+};
+
+template <std::size_t... Index>
+constexpr auto make_event_kinds(std::index_sequence<Index...>)
 {
-    if constexpr (Index == std::variant_size_v<EventData>) {
-        return function(std::type_identity<NoData>());
-    } else {
-        using View = std::variant_alternative_t<Index, EventData>;
-        if (View::tag == tag)
-            return function(std::type_identity<View>());
-        return with_view_type<Index + 1>(tag, std::forward<Function>(function));
-    }
+    return std::array{EventKind{std::variant_alternative_t<Index + 1, EventData>::tag,
+                                std::variant_alternative_t<Index + 1, EventData>::layout,
+                                view_of<std::variant_alternative_t<Index + 1, EventData>>}...};
+}
+// All that have a view, NoData left out.
+inline constexpr std::array event_kinds =
+    make_event_kinds(std::make_index_sequence<std::variant_size_v<EventData> - 1>());
+
+// A null pointer for a tag of which nothing is known.
+constexpr const EventKind *event_kind(EventTag tag)
+{
+    for (const EventKind &kind : event_kinds)
+        if (kind.tag == tag)
+            return &kind;
+    return nullptr;
 }
 
 } // namespace detail

@@ -135,12 +135,8 @@ private:
         : type_(type), result_(result), tag_(tag), record_(std::move(record)),
           address_record_(std::move(address))
     {
-        if (record_)
-            detail::with_view_type(tag_, [&]<class View>(std::type_identity<View>) {
-                if constexpr (!std::same_as<View, NoData>)
-                    data_ = detail::view_of<View>(
-                        *static_cast<const typename View::Record *>(record_.get()));
-            });
+        if (const detail::EventKind *kind = detail::event_kind(tag_); kind && record_)
+            data_ = kind->view(record_.get());
         if (address_record_)
             address_ = detail::view(*static_cast<const EVT_NetAddress *>(address_record_.get()));
     }
@@ -182,12 +178,10 @@ inline Result<Event> parse_event(Session session, LDAPMessage *message)
     EventTag tag = EventTag::none;
     if (in.ok() && in.tag() != detail::Reader::none)
         tag = static_cast<EventTag>(in.tag());
-    detail::with_view_type(tag, [&]<class View>(std::type_identity<View>) {
-        if constexpr (!std::same_as<View, NoData>) {
-            in.enter();
-            detail::LayoutReader(in).follows(View::layout);
-        }
-    });
+    if (const detail::EventKind *kind = detail::event_kind(tag)) {
+        in.enter();
+        detail::LayoutReader(in).follow(kind->layout);
+    }
     if (!in.ok())
         return detail::refusal(LDAPX_DECODING_ERROR, "the event's data cannot be decoded",
                                std::string(where));
