@@ -819,7 +819,11 @@ TEST(Backlog, AMonitorThatDoesNotReadIsDroppedAndTheOthersMissNothing)
             ASSERT_EQ(reader.next().type, search_entry) << read;
         most = std::max(most, resident_kilobytes(busy.process().pid()));
     }
+#ifdef WITH_ADDRESS_SANITIZER
+    EXPECT_LT(most, before + 1024 * 1024) << "kilobytes, with what has been freed";
+#else
     EXPECT_LT(most, before + 8 * 1024) << "kilobytes";
+#endif
 
     // It hears what the connection held already, and then why there is no more.
     std::size_t delivered = 0;

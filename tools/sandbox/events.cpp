@@ -170,7 +170,7 @@ void Events::count_wishes()
             const auto &[type, success] = key;
             for (const EventKind &kind : event_kinds)
                 if (kind.type == type || (type == any_event && !kind.on_request))
-                    wishes_[kind.type][success ? 0 : 1] = true;
+                    wishes_.at(static_cast<std::size_t>(kind.type)).at(success) = true;
         }
     }
 }
@@ -202,7 +202,7 @@ void Events::tell(EventType type, const Monitor &monitor)
 
 bool Events::are_wanted(EventType type, int result) const
 {
-    return wishes_[type][is_success(result) ? 0 : 1];
+    return wishes_.at(static_cast<std::size_t>(type)).at(is_success(result));
 }
 
 void Events::publish(const Event &event)

@@ -76,7 +76,7 @@ private:
     asio::io_context &loop_;
     EventOptions options_;
     std::list<std::shared_ptr<Monitor>> monitors_;
-    // By event type: whether anybody wants its successes, its failures.
+    // By event type: whether anybody wants its failures, its successes.
     std::array<std::array<bool, 2>, highest_event_type + 1> wishes_{};
 };
 
