@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <ostream>
 #include <random>
 #include <string>
 #include <string_view>
@@ -60,6 +61,11 @@ struct EventKind {
     std::string name; // of the record
     Decoder decoder = nullptr;
     std::vector<Field> fields;
+
+    friend std::ostream &operator<<(std::ostream &out, const EventKind &kind)
+    {
+        return out << kind.name;
+    }
 };
 
 // All kinds that have a record but EVT_NetAddress, by tag.
