@@ -93,6 +93,7 @@ void Connection::end(const Result &notice)
         call->stop();
     if (service_.traffic != nullptr)
         service_.traffic->disconnected(who_);
+    states_.clear();
     if (const auto ended = std::exchange(ended_, {}))
         ended();
 }
@@ -490,6 +491,18 @@ void Connection::notify(const Call &call, std::string_view name, std::string_vie
 {
     if (calls_.count(call.id()) != 0)
         send_to_client(message(call.id(), intermediate_response(name, value)));
+}
+
+std::shared_ptr<void> Connection::kept(const void *family) const
+{
+    const auto found = states_.find(family);
+    return found == states_.end() ? nullptr : found->second;
+}
+
+void Connection::keep(const void *family, std::shared_ptr<void> state)
+{
+    if (is_open())
+        states_[family] = std::move(state);
 }
 
 void Connection::log(std::int32_t id, const std::string &what, const Result &result,

@@ -47,6 +47,10 @@ public:
         return !client_->congested() && response_rest_ == 0;
     }
 
+    // What the families of operations keep for this client until it leaves.
+    std::shared_ptr<void> kept(const void *family) const;
+    void keep(const void *family, std::shared_ptr<void> state);
+
 private:
     using Clock = std::chrono::steady_clock;
 
@@ -104,6 +108,7 @@ private:
     std::map<std::int32_t, Exchange> exchanges_;
     std::size_t kept_ = 0; // bytes of requests in exchanges_
     std::map<std::int32_t, std::shared_ptr<Call>> calls_;
+    std::map<const void *, std::shared_ptr<void>> states_;
 
     // What is still to come of the message that is passing on, in each direction. Our own
     // messages to the client wait in aside_ until the one that is passing has passed.

@@ -7,6 +7,7 @@
 #include "directory.h"
 #include "event_sources.h"
 #include "gateway.h"
+#include "lburp.h"
 #include "ldif_check.h"
 #include "partitions.h"
 #include "process.h"
@@ -45,6 +46,7 @@ struct Options {
     std::uint64_t max_message = 64 * 1024 * 1024;
     std::uint32_t operation_delay = 0;
     EventOptions events;
+    std::int32_t transaction_size = 500;
     bool verbose = false;
 };
 
@@ -122,6 +124,10 @@ void add_options(CLI::App &app, Options &options)
                  "Events carry the address of the client behind them");
     app.add_flag("--emit-all", options.events.samples,
                  "Send each new monitor a sample of every kind of event");
+    app.add_option("--lburp-transaction-size", options.transaction_size,
+                   "Most operations in one batch of a bulk update")
+        ->check(CLI::Range(std::int32_t{1}, std::int32_t{10'000'000}))
+        ->capture_default_str();
     app.add_flag("--verbose", options.verbose, "Write a line for each operation");
 }
 
@@ -243,6 +249,7 @@ public:
           sources_(events_, directory_),
           partitions_(loop_, directory_, options.base,
                       std::chrono::milliseconds(options.operation_delay)),
+          bulk_updates_(directory_, options.base, {options.transaction_size, options.max_message}),
           tls_(make_tls(options)), service_{operations_,
                                             options.max_message,
                                             {},
@@ -254,6 +261,7 @@ public:
         directory_.report_to(sources_);
         partitions_.offer(operations_);
         events_.offer(operations_);
+        bulk_updates_.offer(operations_);
         if (options.verbose)
             service_.log = [](const std::string &line) {
                 std::cout << line << std::endl;
@@ -278,6 +286,7 @@ private:
     EventSources sources_;
     Operations operations_;
     Partitions partitions_;
+    BulkUpdates bulk_updates_;
     std::unique_ptr<asio::ssl::context> tls_;
     Service service_;
     Gateway gateway_;

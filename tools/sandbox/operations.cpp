@@ -61,6 +61,18 @@ void Call::stop()
         stop();
 }
 
+std::shared_ptr<void> Call::kept(const void *family) const
+{
+    const auto connection = connection_.lock();
+    return connection ? connection->kept(family) : nullptr;
+}
+
+void Call::keep(const void *family, std::shared_ptr<void> state) const
+{
+    if (const auto connection = connection_.lock())
+        connection->keep(family, std::move(state));
+}
+
 void Operations::add(Operation operation)
 {
     const std::string name = operation.request_name;

@@ -84,6 +84,11 @@ public:
     }
     void stop();
 
+    // What a family of operations keeps for this client from one request to the next; it ends
+    // with the client's connection. NULL when nothing is kept.
+    std::shared_ptr<void> kept(const void *family) const;
+    void keep(const void *family, std::shared_ptr<void> state) const;
+
 private:
     std::weak_ptr<Connection> connection_;
     std::shared_ptr<const Client> client_;

@@ -135,9 +135,10 @@ void Slapd::configure() const
          << "loglevel none\n"
          << "sizelimit unlimited\n"
          << "timelimit unlimited\n"
-         // The gateway has limits of its own, and says so when they are reached.
-         << "sockbuf_max_incoming " << settings_.max_message + 1024 << "\n"
-         << "sockbuf_max_incoming_auth " << settings_.max_message + 1024 << "\n"
+         // The gateway has limits of its own, and says so when they are reached. What it sends
+         // on behalf of a client is larger by the client's name, which slapd limits to 8 KiB.
+         << "sockbuf_max_incoming " << settings_.max_message + 16 * 1024 << "\n"
+         << "sockbuf_max_incoming_auth " << settings_.max_message + 16 * 1024 << "\n"
          << "conn_max_pending 20000\n"
          << "conn_max_pending_auth 20000\n"
          // No security layer, since what passes must stay readable for the gateway; passwords in
