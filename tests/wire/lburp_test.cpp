@@ -657,11 +657,13 @@ TEST(LburpOperationResponse, with_something_else_in_it_cannot_be_decoded)
 {
     const std::string good = failed_element(1, enumerated(32), "", "gone");
     for (const std::string &value : {
-             sequence(good),                                    // a list wrapped once more
-             sequence(octets("7"), sequence(enumerated(32))),   // no number
-             sequence(enumerated(7), sequence(enumerated(32))), // not an INTEGER
-             sequence(integer(2147483648)),                     // more than 32 bits
-             sequence(element(0x02, "")) + bytes("30"),         // nothing behind a number
+             sequence(good),                 // a list wrapped once more
+             sequence(sequence(integer(7))), // also where that would read as a number
+             sequence(enumerated(7), sequence(enumerated(32), octets(""), octets("gone"))),
+             sequence(octets("7"), sequence(enumerated(32), octets(""), octets("gone"))),
+             sequence(sequence(enumerated(32), octets(""), octets("gone"))), // no number
+             sequence(integer(2147483648)),                                  // more than 32 bits
+             sequence(element(0x02, "")) + bytes("30"), // nothing behind a number
              good + sequence(integer(2), sequence(enumerated(32), octets(""))),
              good + octets("in between") + good,
              // A referral is taken for the next element's header.
