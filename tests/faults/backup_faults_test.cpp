@@ -9,6 +9,7 @@
 #include "support/ber.h"
 #include "support/berfail.h"
 #include "support/peer.h"
+#include "support/stated_leak.h"
 
 using namespace support;
 
@@ -252,8 +253,11 @@ TEST_F(BackupFaults, a_list_that_cannot_grow_is_lost)
         calls = nullptr;
         calls = std::make_unique<Calls>();
         calls->fail("realloc", nth);
-        EXPECT_EQ(ldap_backup_object(another.ld(), "cn=a", "", &state, &data, &chunks, &size),
-                  LDAPX_NO_MEMORY);
+        {
+            StatedLeak leak;
+            EXPECT_EQ(ldap_backup_object(another.ld(), "cn=a", "", &state, &data, &chunks, &size),
+                      LDAPX_NO_MEMORY);
+        }
         EXPECT_EQ(calls->unreleased(), Names{"realloc"}) << "the one block that is lost";
         EXPECT_EQ(data, nullptr);
         EXPECT_EQ(chunks, nullptr);

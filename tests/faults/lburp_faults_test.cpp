@@ -8,6 +8,7 @@
 #include "support/berfail.h"
 #include "support/peer.h"
 #include "support/response.h"
+#include "support/stated_leak.h"
 #include "support/updates.h"
 
 using namespace support;
@@ -469,6 +470,7 @@ TEST_F(LburpOperationResponseFaults, an_array_that_cannot_grow_is_released_witho
     for (const int nth : {1, 2}) {
         Outputs outputs;
         calls.fail("realloc", nth);
+        StatedLeak leak;
         EXPECT_EQ(parse_operation(response, outputs), LDAPX_NO_MEMORY);
         EXPECT_EQ(outputs.number, 0);
         EXPECT_EQ(outputs.failed, nullptr);
@@ -480,6 +482,7 @@ TEST_F(LburpOperationResponseFaults, an_array_that_cannot_grow_is_released_witho
 TEST_F(LburpOperationResponseFaults, an_element_that_cannot_be_read_loses_the_messages_before_it)
 {
     calls.fail("ber_scanf", 6);
+    StatedLeak leak;
     EXPECT_EQ(parse_operation(response, out), LDAPX_DECODING_ERROR);
     expect_no_list(LDAPX_DECODING_ERROR);
     EXPECT_EQ(calls.unreleased(), Names{"a"});
