@@ -64,6 +64,24 @@ protected:
     {
         return ldap_backup_object(peer.ld(), "cn=a", "secret", &state, &data, &chunks, &size);
     }
+    // How often the library calls a function of the allocator when all goes well. The compiler may
+    // turn one into another, so this is counted.
+    int calls_in_success(const char *function)
+    {
+        Peer another;
+        another.respond({.name = LDAPX_BACKUP_OBJECT_RESPONSE, .value = two_chunks});
+        char *none = nullptr;
+        char *object = nullptr;
+        char *list = nullptr;
+        int length = 0;
+        const int before = calls->count(function);
+        EXPECT_EQ(ldap_backup_object(another.ld(), "cn=a", "", &none, &object, &list, &length), 0);
+        const int count = calls->count(function) - before;
+        ldapx_memfree(none);
+        ldapx_memfree(object);
+        ldapx_memfree(list);
+        return count;
+    }
     void expect_sent(bool sent)
     {
         EXPECT_EQ(!peer.quiet(), sent);
@@ -228,17 +246,11 @@ TEST_F(BackupFaults, a_lying_chunk_count_asks_for_no_block)
     EXPECT_EQ(calls->count("malloc") + calls->count("calloc") + calls->count("realloc"), 0);
 }
 
-TEST_F(BackupFaults, without_scratch_or_list_it_is_out_of_memory)
+TEST_F(BackupFaults, without_scratch_it_is_out_of_memory)
 {
-    for (const char *function : {"malloc", "realloc"}) {
-        Peer another;
-        another.respond({.name = LDAPX_BACKUP_OBJECT_RESPONSE, .value = two_chunks});
-        std::strcpy(state, "1200+3");
-        calls->fail(function);
-        EXPECT_EQ(ldap_backup_object(another.ld(), "cn=a", "", &state, &data, &chunks, &size),
-                  LDAPX_NO_MEMORY);
-        EXPECT_EQ(another.session_code(), LDAPX_NO_MEMORY);
-    }
+    calls->fail("malloc");
+    EXPECT_EQ(run(), LDAPX_NO_MEMORY);
+    EXPECT_EQ(peer.session_code(), LDAPX_NO_MEMORY);
     EXPECT_EQ(calls->unreleased(), Names());
     EXPECT_EQ(data, nullptr);
     EXPECT_EQ(chunks, nullptr);
@@ -246,22 +258,15 @@ TEST_F(BackupFaults, without_scratch_or_list_it_is_out_of_memory)
 
 TEST_F(BackupFaults, a_list_that_cannot_grow_is_lost)
 {
-    for (const int nth : {2, 3}) {
-        Peer another;
-        another.respond({.name = LDAPX_BACKUP_OBJECT_RESPONSE, .value = two_chunks});
-        std::strcpy(state, "1200+3");
-        calls = nullptr;
-        calls = std::make_unique<Calls>();
-        calls->fail("realloc", nth);
-        {
-            StatedLeak leak;
-            EXPECT_EQ(ldap_backup_object(another.ld(), "cn=a", "", &state, &data, &chunks, &size),
-                      LDAPX_NO_MEMORY);
-        }
-        EXPECT_EQ(calls->unreleased(), Names{"realloc"}) << "the one block that is lost";
-        EXPECT_EQ(data, nullptr);
-        EXPECT_EQ(chunks, nullptr);
+    calls->fail("realloc", calls_in_success("realloc")); // for the last chunk
+    {
+        StatedLeak leak;
+        EXPECT_EQ(run(), LDAPX_NO_MEMORY);
     }
+    EXPECT_EQ(peer.session_code(), LDAPX_NO_MEMORY);
+    EXPECT_EQ(calls->unreleased(), Names{"realloc"}) << "the one block that is lost";
+    EXPECT_EQ(data, nullptr);
+    EXPECT_EQ(chunks, nullptr);
 }
 
 TEST_F(BackupFaults, without_room_for_the_data_it_is_out_of_memory)
@@ -278,7 +283,7 @@ TEST_F(BackupFaults, without_room_for_the_data_it_is_out_of_memory)
 
 TEST_F(BackupFaults, without_room_for_the_list_the_data_stays_with_the_caller)
 {
-    calls->fail("malloc", 2);
+    calls->fail("malloc", calls_in_success("malloc") - 1);
     EXPECT_EQ(run(), LDAPX_NO_MEMORY);
     EXPECT_EQ(peer.session_code(), LDAPX_NO_MEMORY);
     EXPECT_EQ(calls->unreleased(), Names{"calloc"});
@@ -290,7 +295,7 @@ TEST_F(BackupFaults, without_room_for_the_list_the_data_stays_with_the_caller)
 
 TEST_F(BackupFaults, without_room_for_the_state_the_backup_is_good_and_the_state_null)
 {
-    calls->fail("malloc", 3);
+    calls->fail("malloc", calls_in_success("malloc"));
     EXPECT_EQ(run(), 0);
     EXPECT_EQ(peer.session_code(), 0);
     EXPECT_EQ(calls->unreleased(), (Names{"calloc", "malloc"}));

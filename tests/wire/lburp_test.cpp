@@ -481,19 +481,20 @@ TEST(LburpBatch, sends_a_rename_s_new_rdn_again_in_the_place_of_the_new_superior
 // The flag overlays the low half of the address of the new RDN.
 TEST(LburpBatch, keeps_the_old_rdn_only_where_the_new_one_s_address_ends_in_32_zero_bits)
 {
-    void *page = MAP_FAILED;
-    for (const std::uintptr_t address : {0x500000000000, 0x7e9000000000}) // one of them is free
-        if (page == MAP_FAILED)
-            page = mmap(reinterpret_cast<void *>(address), 4096, PROT_READ | PROT_WRITE,
-                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
-    ASSERT_NE(page, MAP_FAILED);
-    char *rdn = static_cast<char *>(page);
+    // Somewhere in eight gigabytes of addresses there is one.
+    constexpr std::size_t step = std::size_t{1} << 32;
+    void *addresses =
+        mmap(nullptr, 2 * step, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(addresses, MAP_FAILED);
+    const auto past = reinterpret_cast<std::uintptr_t>(addresses) % step;
+    char *rdn = static_cast<char *>(addresses) + (step - past) % step;
+    ASSERT_EQ(mprotect(rdn, 4096, PROT_READ | PROT_WRITE), 0);
     std::strcpy(rdn, "cn=b");
     Record record(LDAP_REQ_MODDN, "cn=a");
     record.carry(rdn);
     EXPECT_EQ(sent_batch(1, batch_of(record)).value,
               Batch().request(1, Batch().rename("cn=a", "cn=b", false, "cn=b")));
-    munmap(page, 4096);
+    munmap(addresses, 2 * step);
 }
 
 TEST(LburpBatch, never_sends_client_controls)
