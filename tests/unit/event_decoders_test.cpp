@@ -183,6 +183,13 @@ TEST_F(EntryEvent, with_a_cut_new_name_is_one_without)
     EXPECT_EQ(left, 3U);
 }
 
+TEST_F(EntryEvent, that_fails_leaves_the_element_at_what_could_not_be_read)
+{
+    const std::string rest = bytes("02 05 01 00 00 00 00") + octets("n") + trailer;
+    EXPECT_EQ(decode(a + a + a + stamp + integer(4) + rest), LDAPX_DECODING_ERROR);
+    EXPECT_EQ(left, rest.size());
+}
+
 // ---- Values ----------------------------------------------------------------------------------
 
 namespace {

@@ -147,7 +147,7 @@ void read_fields(EventReader &in, EVT_EntryInfo &event) noexcept
     // and be it the INTEGER that begins the trailer.
     if (next_is(in, LBER_OCTETSTRING))
         take_contents(in, event.newDN);
-    else if (in.tag != no_element)
+    else if (in.err == LDAP_SUCCESS && in.tag != no_element)
         pass(in);
 }
 
