@@ -229,9 +229,12 @@ struct StreamEnd {
 // A registration for events, and the events as they come.
 //
 // A stream keeps a handle of its own on the session's connection: it may outlive the Session and
-// the LDAP * (the connection closes with the last of them), and it may be used on another thread,
-// though calls on the same connection then wait for one another. It ends its registration when it
-// is destroyed. Events that arrive while nobody waits are kept by the LDAP library, in memory.
+// the LDAP * (the connection closes with the last of them). It ends its registration when it is
+// destroyed. Events that arrive while nobody waits are kept by the LDAP library, in memory.
+//
+// While one thread waits for events, the LDAP library makes other calls on the same connection wait
+// as well, for as long as that takes: a stream that is watched on a thread of its own wants a
+// session of its own.
 class EventStream {
 public:
     using Clock = std::chrono::steady_clock;
