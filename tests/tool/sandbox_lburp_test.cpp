@@ -1,5 +1,6 @@
 // Bulk updates of a real tree, through the library's functions.
 
+#include "monitor.h"
 #include "raw_client.h"
 #include "sandbox.h"
 #include "support/ber.h"
@@ -259,7 +260,7 @@ TEST(BulkUpdate, FailedOperationsAreNamedAndTheRestIsApplied)
 
 TEST(BulkUpdate, EveryOperationHasTheRightsOfTheClientAndNoMore)
 {
-    const std::string self = sandbox().somebody().empty() ? "" : found("(employeeNumber=10020)")[0];
+    const std::string self = sandbox().somebody();
     const std::string other = found("(employeeNumber=10021)").at(0);
     const Session somebody = sandbox().as(self);
     ASSERT_EQ(start(somebody).code, LDAP_SUCCESS);
@@ -701,6 +702,25 @@ TEST(BulkUpdate, AClientThatLeavesInTheMiddleStopsItAndOthersGoOn)
     EXPECT_LT(now, 20000U);
     ASSERT_EQ(start(admin).code, LDAP_SUCCESS);
     EXPECT_EQ(apply(admin, 1).code, LDAP_SUCCESS);
+}
+
+TEST(BulkUpdate, EveryEntryThatItAddsReachesMonitors)
+{
+    constexpr int entry_add = 1; // the number of the event
+    Monitor monitor(sandbox().admin(), {{entry_add}});
+    const Session admin = sandbox().admin();
+    ASSERT_EQ(start(admin).code, LDAP_SUCCESS);
+    Add one("seen1");
+    Add two("seen2");
+    ASSERT_EQ(apply(admin, 1, one.record, two.record).code, LDAP_SUCCESS);
+    std::vector<std::string> names;
+    for (int i = 0; i < 2; ++i) {
+        const Event event = monitor.next();
+        ASSERT_EQ(event.type, entry_add);
+        names.emplace_back(event.as<EVT_EntryInfo>()->entryDN);
+    }
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{dn_of("seen1"), dn_of("seen2")}));
 }
 
 TEST(BulkUpdate, SessionsOnSeveralConnectionsDoNotDisturbOneAnother)

@@ -181,7 +181,8 @@ TEST(Usage, HelpShowsEveryOptionAndExamples)
     for (const char *word :
          {"--port", "--address", "--ldif", "--base", "--entries", "--admin-dn",
           "--admin-password-file", "--schema", "--slapd", "--max-message", "--operation-delay",
-          "--lburp-transaction-size", "--verbose", "--version", "Examples:", "Exit status:"})
+          "--lburp-transaction-size", "--backup-password-file", "--verbose", "--version",
+          "Examples:", "Exit status:"})
         EXPECT_NE(help.out.find(word), std::string::npos) << word;
     const Finished version = support::run({SANDBOX_PROGRAM, "--version"});
     EXPECT_EQ(version.status, 0);

@@ -221,6 +221,25 @@ void Directory::modify(const Behalf &behalf, const std::string &dn,
             std::move(done));
 }
 
+// A change that cannot be made: no entry here is a subentry. slapd looks at the rights first.
+void Directory::may_change(const Behalf &behalf, const std::string &dn, Done done)
+{
+    const std::string change =
+        ber::sequence(ber::enumerated(LDAP_MOD_DELETE), attribute("objectClass", {"subentry"}));
+    Outstanding request;
+    request.response = [done = std::move(done)](const ber::Element &response) {
+        ber::Reader reader(response.content);
+        Result result = read_result(reader);
+        if (result.code == LDAP_NO_SUCH_ATTRIBUTE)
+            result = {};
+        else if (result.code == LDAP_PROXIED_AUTHORIZATION_DENIED)
+            result.code = LDAP_INSUFFICIENT_ACCESS;
+        done(result);
+    };
+    transmit(behalf, ber::constructed(LDAP_REQ_MODIFY, ber::octets(dn), ber::sequence(change)), {},
+             std::move(request));
+}
+
 void Directory::remove(const Behalf &behalf, const std::string &dn, Done done)
 {
     perform(behalf, ber::octets(dn, LDAP_REQ_DELETE), std::move(done));
@@ -248,16 +267,6 @@ void Directory::perform(const Behalf &behalf, std::string_view operation, Done d
 void Directory::send(const Behalf &behalf, std::string_view operation, std::string_view controls,
                      Response response)
 {
-    if (!link_ || !link_->is_open()) {
-        asio::post(loop_, [response = std::move(response)] {
-            const std::string result = result_elements(unavailable());
-            response({LDAP_RES_EXTENDED, result, result});
-        });
-        return;
-    }
-    do
-        last_id_ = last_id_ == std::numeric_limits<std::int32_t>::max() ? 1 : last_id_ + 1;
-    while (outstanding_.count(last_id_) != 0);
     Outstanding request;
     request.response = std::move(response);
     std::string images;
@@ -272,9 +281,24 @@ void Directory::send(const Behalf &behalf, std::string_view operation, std::stri
             request.has_images = !images.empty();
         }
     }
+    transmit(behalf, operation, std::string(controls).append(images), std::move(request));
+}
+
+void Directory::transmit(const Behalf &behalf, std::string_view operation,
+                         std::string_view controls, Outstanding request)
+{
+    if (!link_ || !link_->is_open()) {
+        asio::post(loop_, [response = std::move(request.response)] {
+            const std::string result = result_elements(unavailable());
+            response({LDAP_RES_EXTENDED, result, result});
+        });
+        return;
+    }
+    do
+        last_id_ = last_id_ == std::numeric_limits<std::int32_t>::max() ? 1 : last_id_ + 1;
+    while (outstanding_.count(last_id_) != 0);
     outstanding_.emplace(last_id_, std::move(request));
-    link_->send(
-        message(last_id_, operation, behalf_control(behalf).append(controls).append(images)));
+    link_->send(message(last_id_, operation, behalf_control(behalf).append(controls)));
 }
 
 void Directory::received()

@@ -115,6 +115,9 @@ public:
              Done done);
     void modify(const Behalf &behalf, const std::string &dn, const std::vector<Change> &changes,
                 Done done);
+    // Success when slapd would let somebody change the entry. It is not changed, and nobody is
+    // told.
+    void may_change(const Behalf &behalf, const std::string &dn, Done done);
     void remove(const Behalf &behalf, const std::string &dn, Done done);
     void rename(const Behalf &behalf, const std::string &dn, const std::string &new_rdn,
                 bool delete_old_rdn, const std::optional<std::string> &new_superior, Done done);
@@ -134,6 +137,8 @@ private:
         bool has_images = false;
     };
 
+    void transmit(const Behalf &behalf, std::string_view operation, std::string_view controls,
+                  Outstanding request);
     void received();
     void dispatch(const Message &message);
     void report(const Outstanding &change, const Message &answer);

@@ -4,6 +4,7 @@
 // A slapd of our own holds the tree on a Unix socket in a temporary directory. Clients reach it
 // through the gateway, which answers the extended operations itself. One thread, one event loop.
 
+#include "backup.h"
 #include "directory.h"
 #include "event_sources.h"
 #include "gateway.h"
@@ -39,6 +40,7 @@ struct Options {
     std::string admin_dn;
     std::string admin_password = "secret";
     std::string admin_password_file;
+    std::string backup_password_file;
     std::vector<std::string> schema_files;
     std::string slapd = "slapd";
     std::string tls_certificate;
@@ -108,6 +110,9 @@ void add_options(CLI::App &app, Options &options)
     app.add_option("--admin-dn", options.admin_dn, "Administrator's DN [cn=admin,BASE]");
     app.add_option("--admin-password-file", options.admin_password_file,
                    "Administrator's password, the first line of this file [secret]");
+    app.add_option("--backup-password-file", options.backup_password_file,
+                   "Password that backups and restores must give, the first line of this file; "
+                   "without it any will do, the same for both");
     app.add_option("--schema", options.schema_files,
                    "Load this schema file (slapd.conf's form) too; may be given several times");
     app.add_option("--slapd", options.slapd, "The slapd to use")->capture_default_str();
@@ -138,6 +143,13 @@ std::string first_line(const std::string &path)
     if (!std::getline(file, line) || line.empty())
         throw CannotStart("no password can be read from " + path);
     return line;
+}
+
+std::optional<std::string> backup_password(const Options &options)
+{
+    if (options.backup_password_file.empty())
+        return {};
+    return first_line(options.backup_password_file);
 }
 
 // What was left out is filled in; CLI::ValidationError for what does not fit together.
@@ -250,11 +262,8 @@ public:
           partitions_(loop_, directory_, options.base,
                       std::chrono::milliseconds(options.operation_delay)),
           bulk_updates_(directory_, options.base, {options.transaction_size, options.max_message}),
-          tls_(make_tls(options)), service_{operations_,
-                                            options.max_message,
-                                            {},
-                                            &sources_,
-                                            tls_.get()},
+          backups_(directory_, options.base, backup_password(options)), tls_(make_tls(options)),
+          service_{operations_, options.max_message, {}, &sources_, tls_.get()},
           gateway_(loop_, service_, temporary_.path() / "ldapi"),
           wakeup_(loop_, dup(signals_.descriptor()))
     {
@@ -262,6 +271,7 @@ public:
         partitions_.offer(operations_);
         events_.offer(operations_);
         bulk_updates_.offer(operations_);
+        backups_.offer(operations_);
         if (options.verbose)
             service_.log = [](const std::string &line) {
                 std::cout << line << std::endl;
@@ -287,6 +297,7 @@ private:
     Operations operations_;
     Partitions partitions_;
     BulkUpdates bulk_updates_;
+    Backups backups_;
     std::unique_ptr<asio::ssl::context> tls_;
     Service service_;
     Gateway gateway_;
