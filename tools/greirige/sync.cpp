@@ -27,7 +27,7 @@ void add_receive(CommandLine &line, CLI::App &group)
     const auto arguments = std::make_shared<Arguments>();
     CLI::App &command = line.command(
         group, "receive", "Make a server receive all updates of a partition",
-        "greirige sync receive dc=example,dc=com cn=server2,ou=servers,dc=example,dc=com",
+        "greirige sync receive ou=people,dc=example,dc=com cn=server2,ou=servers,dc=example,dc=com",
         [arguments](Tool &tool) {
             std::string &dn = arguments->dn;
             std::string &server = arguments->server;

@@ -118,6 +118,14 @@ Entry read_entry(ber::Reader operation)
     return entry;
 }
 
+std::vector<std::string> Entry::values(std::string_view name) const
+{
+    for (const Attribute &attribute : attributes)
+        if (attribute.name == name)
+            return attribute.values;
+    return {};
+}
+
 std::string identity_of(std::string_view authorization_id)
 {
     if (authorization_id.substr(0, 3) == "dn:")

@@ -51,6 +51,8 @@ struct Entry {
     // An attribute's first value; empty when the entry has no such attribute. slapd gives names
     // as the request asked for them.
     std::string value(std::string_view name) const;
+    // All of its values.
+    std::vector<std::string> values(std::string_view name) const;
 };
 
 // The content of a SearchResultEntry.

@@ -40,12 +40,20 @@ std::optional<std::string> normalised_dn(const std::string &dn)
 
 std::pair<std::string, std::string> first_rdn(const std::string &dn)
 {
+    const auto rdns = rdns_of(dn);
+    return rdns.empty() ? std::pair<std::string, std::string>() : rdns.front();
+}
+
+std::vector<std::pair<std::string, std::string>> rdns_of(const std::string &dn)
+{
     const ParsedDn parsed(dn);
-    if (parsed.dn == nullptr || parsed.dn[0] == nullptr)
-        return {};
-    const LDAPAVA &first = *parsed.dn[0][0];
-    return {std::string(first.la_attr.bv_val, first.la_attr.bv_len),
-            std::string(first.la_value.bv_val, first.la_value.bv_len)};
+    std::vector<std::pair<std::string, std::string>> rdns;
+    for (LDAPRDN *rdn = parsed.dn; rdn != nullptr && *rdn != nullptr; ++rdn) {
+        const LDAPAVA &first = *(*rdn)[0];
+        rdns.emplace_back(std::string(first.la_attr.bv_val, first.la_attr.bv_len),
+                          std::string(first.la_value.bv_val, first.la_value.bv_len));
+    }
+    return rdns;
 }
 
 std::vector<std::string> naming_attributes(const std::string &dn)

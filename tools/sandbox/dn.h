@@ -14,6 +14,8 @@ std::optional<std::string> normalised_dn(const std::string &dn);
 
 // The type and value of the first RDN; of several, the first.
 std::pair<std::string, std::string> first_rdn(const std::string &dn);
+// The same of every RDN, from the entry to the top.
+std::vector<std::pair<std::string, std::string>> rdns_of(const std::string &dn);
 
 // The attribute types of the first RDN.
 std::vector<std::string> naming_attributes(const std::string &dn);

@@ -4,16 +4,25 @@
 // A slapd of our own holds the tree on a Unix socket in a temporary directory. Clients reach it
 // through the gateway, which answers the extended operations itself. One thread, one event loop.
 
+#include "background.h"
 #include "backup.h"
 #include "directory.h"
 #include "event_sources.h"
+#include "filters.h"
 #include "gateway.h"
+#include "identity.h"
 #include "lburp.h"
 #include "ldif_check.h"
+#include "names.h"
 #include "partitions.h"
+#include "privileges.h"
 #include "process.h"
+#include "programs.h"
+#include "replicas.h"
 #include "sample_tree.h"
+#include "schema.h"
 #include "slapd.h"
+#include "synchronisation.h"
 
 #include "dn.h"
 
@@ -163,6 +172,9 @@ void complete(Options &options)
         throw CLI::ValidationError("--base", "not a distinguished name: " + options.base);
     if (options.admin_dn.empty())
         options.admin_dn = "cn=admin," + options.base;
+    if (lies_within(options.base, system_base))
+        throw CLI::ValidationError("--base", options.base + " lies in " + system_base +
+                                                 ", where the sandbox keeps entries of its own");
     if (!lies_within(options.admin_dn, options.base))
         throw CLI::ValidationError("--admin-dn",
                                    options.admin_dn + " does not lie below " + options.base);
@@ -252,6 +264,20 @@ std::size_t map_size(const Options &options)
     return (std::size_t{1} << 30) + 16 * content;
 }
 
+// Each step when the one before has succeeded.
+void in_turn(std::vector<std::function<void(Directory::Done)>> steps, Directory::Done done)
+{
+    if (steps.empty())
+        return done({});
+    const auto first = std::move(steps.front());
+    steps.erase(steps.begin());
+    first([steps = std::move(steps), done = std::move(done)](const Result &result) {
+        if (!result.ok())
+            return done(result);
+        in_turn(steps, done);
+    });
+}
+
 // The parts of a running sandbox, in the order in which they need one another: what is destroyed
 // last is what everything else stands on.
 class Sandbox {
@@ -261,14 +287,32 @@ public:
           sources_(events_, directory_),
           partitions_(loop_, directory_, options.base,
                       std::chrono::milliseconds(options.operation_delay)),
+          replicas_(loop_, directory_, options.base),
+          synchronisation_(loop_, directory_, replicas_),
+          background_(loop_, directory_, replicas_, synchronisation_, options.base),
+          filters_(directory_), names_(directory_, options.base),
+          programs_(loop_, temporary_.path()), privileges_(directory_, programs_),
           bulk_updates_(directory_, options.base, {options.transaction_size, options.max_message}),
           backups_(directory_, options.base, backup_password(options)), tls_(make_tls(options)),
-          service_{operations_, options.max_message, {}, &sources_, tls_.get()},
           gateway_(loop_, service_, temporary_.path() / "ldapi"),
           wakeup_(loop_, dup(signals_.descriptor()))
     {
         directory_.report_to(sources_);
+        partitions_.on_change({[this](const std::string &root, const std::string &uuid,
+                                      const std::string &parent_uuid, Directory::Done done) {
+                                   replicas_.inherit(root, uuid, parent_uuid, std::move(done));
+                               },
+                               [this](const std::string &uuid, Directory::Done done) {
+                                   replicas_.forget(uuid, std::move(done));
+                               }});
         partitions_.offer(operations_);
+        replicas_.offer(operations_);
+        synchronisation_.offer(operations_);
+        background_.offer(operations_);
+        filters_.offer(operations_);
+        names_.offer(operations_);
+        privileges_.offer(operations_);
+        offer_bind_identity(operations_);
         events_.offer(operations_);
         bulk_updates_.offer(operations_);
         backups_.offer(operations_);
@@ -296,10 +340,17 @@ private:
     EventSources sources_;
     Operations operations_;
     Partitions partitions_;
+    Replicas replicas_;
+    Synchronisation synchronisation_;
+    Background background_;
+    Filters filters_;
+    Names names_;
+    Programs programs_;
+    Privileges privileges_;
     BulkUpdates bulk_updates_;
     Backups backups_;
     std::unique_ptr<asio::ssl::context> tls_;
-    Service service_;
+    Service service_{operations_, options_.max_message, {}, &sources_, tls_.get()};
     Gateway gateway_;
     std::optional<Slapd> slapd_;
     asio::posix::stream_descriptor wakeup_;
@@ -346,22 +397,27 @@ void Sandbox::fill()
 
 void Sandbox::connect()
 {
+    privileges_.use(
+        {{slapd_->program(), "-T", "acl", "-f", slapd_->configuration()}, options_.admin_dn});
     directory_.connect(
         slapd_->socket(), options_.admin_dn, options_.admin_password,
         [this](const Result &bound) {
             if (!bound.ok())
                 return fail("slapd refuses the administrator: " + bound.diagnostic);
-            partitions_.mark_base([this](const Result &marked) {
-                if (!marked.ok())
-                    return fail("cannot make " + options_.base +
-                                " the root of a partition: " + marked.diagnostic);
-                sources_.learn_schema([this](const Result &learned) {
-                    if (!learned.ok())
-                        return fail("cannot read slapd's schema: " + learned.diagnostic);
-                    gateway_.listen();
-                    announce(gateway_, options_);
-                });
-            });
+            in_turn({[this](Directory::Done done) { partitions_.mark_base(std::move(done)); },
+                     [this](Directory::Done done) { replicas_.prepare(std::move(done)); },
+                     [this](Directory::Done done) { background_.prepare(std::move(done)); },
+                     [this](Directory::Done done) { synchronisation_.prepare(std::move(done)); },
+                     [this](Directory::Done done) {
+                         sources_.learn_schema(std::move(done));
+                     }},
+                    [this](const Result &prepared) {
+                        if (!prepared.ok())
+                            return fail("cannot prepare the tree below " + options_.base + ": " +
+                                        prepared.diagnostic);
+                        gateway_.listen();
+                        announce(gateway_, options_);
+                    });
         },
         [this] { fail("slapd has ended: " + slapd_->last_words()); });
 }
@@ -375,6 +431,7 @@ void Sandbox::watch_signals()
             if (slapd_->has_ended())
                 return fail("slapd has ended: " + slapd_->last_words());
         }
+        programs_.reap();
         watch_signals();
     });
 }

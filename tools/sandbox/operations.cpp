@@ -73,6 +73,27 @@ void Call::keep(const void *family, std::shared_ptr<void> state) const
         connection->keep(family, std::move(state));
 }
 
+bool refuse_anonymous(Call &call)
+{
+    if (!call.identity().empty())
+        return false;
+    call.answer({LDAP_INSUFFICIENT_ACCESS,
+                 call.operation().title + " is not for anonymous clients: bind first",
+                 {}});
+    return true;
+}
+
+Result explained(Result result, const Call &call, const std::string &dn)
+{
+    if (result.code == LDAP_INSUFFICIENT_ACCESS ||
+        result.code == LDAP_PROXIED_AUTHORIZATION_DENIED) {
+        result.code = LDAP_INSUFFICIENT_ACCESS;
+        result.diagnostic =
+            call.operation().title + ": " + call.identity() + " has no right to do this to " + dn;
+    }
+    return result;
+}
+
 void Operations::add(Operation operation)
 {
     const std::string name = operation.request_name;

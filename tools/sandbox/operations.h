@@ -108,6 +108,13 @@ struct Operation {
     std::function<void(std::shared_ptr<Call>)> handle;
 };
 
+// Changes need somebody who answers for them; slapd would say strongerAuthRequired. True when the
+// call has been answered so.
+bool refuse_anonymous(Call &call);
+// slapd's refusal of what was asked for this entry, in the words of the operation where slapd has
+// none.
+Result explained(Result result, const Call &call, const std::string &dn);
+
 class Operations {
 public:
     void add(Operation operation);

@@ -11,6 +11,7 @@ namespace sandbox {
 // above, so that no second operation can move the ground under it.
 struct Partitions::Running {
     Kind kind;
+    std::string dn; // as the request had it
     std::string uuid;
     std::string parent_uuid;
     asio::steady_timer timer;
@@ -36,9 +37,6 @@ const std::vector<Change> unmark()
             {LDAP_MOD_DELETE, partition_state, {}}};
 }
 
-const std::string roots =
-    filter::any({filter::equal(partition_state, "on"), filter::equal(partition_state, "merging")});
-
 // INTEGER flags, OCTET STRING dn. No flag has a meaning here.
 std::string read_dn_with_flags(const Call &call)
 {
@@ -47,29 +45,6 @@ std::string read_dn_with_flags(const Call &call)
     std::string dn = value.text();
     value.finish();
     return dn;
-}
-
-// Changes need somebody who answers for them; slapd would say strongerAuthRequired.
-bool refuse_anonymous(Call &call)
-{
-    if (!call.identity().empty())
-        return false;
-    call.answer({LDAP_INSUFFICIENT_ACCESS,
-                 call.operation().title + " is not for anonymous clients: bind first",
-                 {}});
-    return true;
-}
-
-// slapd's refusal in the words of the operation, where slapd has none.
-Result explained(Result result, const Call &call, const std::string &dn)
-{
-    if (result.code == LDAP_INSUFFICIENT_ACCESS ||
-        result.code == LDAP_PROXIED_AUTHORIZATION_DENIED) {
-        result.code = LDAP_INSUFFICIENT_ACCESS;
-        result.diagnostic =
-            call.operation().title + ": " + call.identity() + " has no right to do this to " + dn;
-    }
-    return result;
 }
 
 } // namespace
@@ -136,7 +111,7 @@ void Partitions::find_parent(std::shared_ptr<Call> call, const Target &target, U
 {
     const Search search{base_,
                         LDAP_SCOPE_SUBTREE,
-                        filter::all({roots, filter::around(target.dn),
+                        filter::all({partition_roots(), filter::around(target.dn),
                                      filter::not_(filter::equal("entryUUID", target.uuid))}),
                         {"entryUUID", partition_state}};
     // All of them lie on the way up from the target: the longest name is the nearest.
@@ -206,7 +181,7 @@ void Partitions::begin(std::shared_ptr<Call> call, Kind kind, const Target &targ
         return call->answer(
             {LDAP_BUSY, "an operation is running on the partition or the one above it", {}});
     const Process process = std::make_shared<Running>(
-        Running{kind, target.uuid, parent.uuid, asio::steady_timer(loop_)});
+        Running{kind, target.dn, target.uuid, parent.uuid, asio::steady_timer(loop_)});
     running_.push_back(process);
 
     const bool at_once = duration_ == std::chrono::milliseconds::zero();
@@ -216,7 +191,12 @@ void Partitions::begin(std::shared_ptr<Call> call, Kind kind, const Target &targ
                                                                        : set_state(state);
     directory_.modify(call->behalf(), target.dn, changes,
                       [this, call, process, target, at_once](const Result &result) {
-                          if (result.ok() && !at_once) {
+                          if (result.ok() && at_once)
+                              return take_effect(process, [this, call, process](const Result &all) {
+                                  running_.remove(process);
+                                  call->answer(all);
+                              });
+                          if (result.ok()) {
                               process->timer.expires_after(duration_);
                               wait(process);
                           } else {
@@ -239,9 +219,23 @@ void Partitions::finish(const Process &process)
 {
     process->waiting = false;
     // Nobody is left to be told; if the entry has gone meanwhile, so has the partition.
-    change_running(process, as_administrator,
-                   process->kind == Kind::split ? set_state("on") : unmark(),
-                   [this, process](const Result &) { running_.remove(process); });
+    change_running(
+        process, as_administrator, process->kind == Kind::split ? set_state("on") : unmark(),
+        [this, process](const Result &result) {
+            if (!result.ok())
+                return static_cast<void>(running_.remove(process));
+            take_effect(process, [this, process](const Result &) { running_.remove(process); });
+        });
+}
+
+void Partitions::take_effect(const Process &process, Directory::Done done)
+{
+    if (process->kind == Kind::split && effects_.split)
+        effects_.split(process->dn, process->uuid, process->parent_uuid, std::move(done));
+    else if (process->kind == Kind::merge && effects_.merged)
+        effects_.merged(process->uuid, std::move(done));
+    else
+        done({});
 }
 
 void Partitions::abort(std::shared_ptr<Call> call)
@@ -308,8 +302,9 @@ void Partitions::count(std::shared_ptr<Call> call)
 void Partitions::count_within(std::shared_ptr<Call> call, const Target &root)
 {
     const auto others = std::make_shared<std::vector<std::string>>();
-    const Search inside{root.dn, LDAP_SCOPE_SUBTREE,
-                        filter::all({roots, filter::not_(filter::equal("entryUUID", root.uuid))})};
+    const Search inside{
+        root.dn, LDAP_SCOPE_SUBTREE,
+        filter::all({partition_roots(), filter::not_(filter::equal("entryUUID", root.uuid))})};
     directory_.search(
         as_administrator, inside,
         [others](const Entry &entry) { others->push_back(filter::within(entry.dn)); },

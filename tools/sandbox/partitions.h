@@ -18,13 +18,16 @@
 #pragma once
 
 #include "operations.h"
+#include "targets.h"
 
 #include <asio.hpp>
 
 #include <chrono>
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace sandbox {
 
@@ -34,6 +37,19 @@ public:
     // no time at all, when it is done.
     Partitions(asio::io_context &loop, Directory &directory, std::string base,
                std::chrono::milliseconds duration);
+
+    // What else a split and a merge bring about, once the tree shows them and before the operation
+    // counts as done.
+    struct Effects {
+        std::function<void(const std::string &root, const std::string &uuid,
+                           const std::string &parent_uuid, Directory::Done done)>
+            split;
+        std::function<void(const std::string &uuid, Directory::Done done)> merged;
+    };
+    void on_change(Effects effects)
+    {
+        effects_ = std::move(effects);
+    }
 
     void offer(Operations &operations);
     // Makes the base the root of the tree's first partition, unless the tree says so already.
@@ -47,7 +63,7 @@ private:
 
         bool is_root() const
         {
-            return state == "on" || state == "merging";
+            return is_partition_root(state);
         }
     };
     using Use = std::function<void(const Target &)>;
@@ -72,6 +88,7 @@ private:
     void finish(const Process &process);
     void change_running(const Process &process, const Behalf &behalf,
                         const std::vector<Change> &changes, Directory::Done done);
+    void take_effect(const Process &process, Directory::Done done);
     Process running_on(const std::string &uuid) const;
 
     asio::io_context &loop_;
@@ -79,6 +96,7 @@ private:
     std::string base_;
     std::chrono::milliseconds duration_;
     std::list<Process> running_;
+    Effects effects_;
 };
 
 } // namespace sandbox

@@ -106,6 +106,7 @@ Child::Child(const std::vector<std::string> &command, const std::filesystem::pat
         dup2(null, STDIN_FILENO);
         dup2(log, STDOUT_FILENO);
         dup2(log, STDERR_FILENO);
+        close_range(STDERR_FILENO + 1, ~0U, 0); // clients' connections, among others
         execv(arguments[0], arguments.data());
         const char *reason = std::strerror(errno);
         [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, reason, std::strlen(reason));

@@ -110,6 +110,7 @@ Slapd::Slapd(SlapdSettings settings, const TemporaryDirectory &directory, const 
         throw CannotStart("the temporary directory's name is too long for a socket: " +
                           directory_.string() + " (set TMPDIR to a shorter one)");
     std::filesystem::create_directory(directory_ / "tree");
+    std::filesystem::create_directory(directory_ / "system");
     configure();
     check();
 }
@@ -161,7 +162,16 @@ void Slapd::configure() const
          << "dbnosync\n"
          // Each index slows every load down, substring indexes threefold.
          << "index objectClass,uid,cn,sn,mail,member,entryUUID,entryCSN,partitionState eq\n"
-         << access_rules();
+         << access_rules()
+         // The sandbox's own entries, beside the tree so that nothing of it counts them.
+         << "\ndatabase mdb\n"
+         << "suffix " << word(system_base) << "\n"
+         << "rootdn " << word(settings_.admin_dn) << "\n"
+         << "directory " << word((directory_ / "system").string()) << "\n"
+         << "maxsize " << (std::size_t{64} << 20) << "\n"
+         << "dbnosync\n"
+         << "index objectClass,cn,entryUUID eq\n"
+         << "access to *" << administrators() << " by * read\n";
     write_file(configuration(), conf.str());
 }
 
@@ -173,14 +183,18 @@ void Slapd::check() const
         throw CannotStart("slapd refuses its configuration: " + trimmed(read_file(output)));
 }
 
+std::string Slapd::administrators() const
+{
+    return " by group.exact=" + word("cn=administrators,ou=groups," + settings_.base) + " write";
+}
+
 // Everybody reads, people change their own password and telephone numbers, administrators (a
 // group, if the tree has it) change everything; the payroll is for its own group only.
 std::string Slapd::access_rules() const
 {
-    const std::string groups = ",ou=groups," + settings_.base;
-    const std::string administrators =
-        " by group.exact=" + word("cn=administrators" + groups) + " write";
-    const std::string payroll = " by group.exact=" + word("cn=payroll" + groups) + " write";
+    const std::string administrators = this->administrators();
+    const std::string payroll =
+        " by group.exact=" + word("cn=payroll,ou=groups," + settings_.base) + " write";
     std::ostringstream rules;
     rules << "access to attrs=userPassword" << administrators
           << " by self write by anonymous auth by * none\n"

@@ -52,6 +52,7 @@ public:
 private:
     void configure() const;
     void check() const;
+    std::string administrators() const; // as access rules name them, with their rights
     std::string access_rules() const;
     std::filesystem::path log() const
     {
