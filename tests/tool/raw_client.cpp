@@ -121,8 +121,8 @@ std::string simple_bind(int id, const std::string &dn, const std::string &passwo
 
 std::string sasl_bind(int id, const std::string &mechanism)
 {
-    return ldap_message(
-        id, element(0x60, concat(integer(3), octets(""), element(0xa3, octets(mechanism)))));
+    return ldap_message(id, element(0x60, concat(integer(3), octets(""),
+                                                 element(0xa3, octets(mechanism) + octets("")))));
 }
 
 std::string whole_search(int id, const std::string &base)

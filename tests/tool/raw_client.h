@@ -35,8 +35,8 @@ private:
 
 // One LDAP message each.
 std::string simple_bind(int id, const std::string &dn, const std::string &password);
-std::string sasl_bind(int id, const std::string &mechanism);
-std::string whole_search(int id, const std::string &base); // every entry with all its attributes
+std::string sasl_bind(int id, const std::string &mechanism); // with empty credentials
+std::string whole_search(int id, const std::string &base);   // every entry with all its attributes
 std::string who_am_i(int id);
 std::string unbind(int id);
 std::string abandon(int id, int other);

@@ -271,7 +271,9 @@ TEST(Flow, AClientThatDoesNotReadCostsNoMemoryAndNobodysTime)
     while (sent < 2000 && lazy.send(whole_search(sent + 1, base), milliseconds(300)))
         ++sent;
     EXPECT_TRUE(answers(sandbox()));
-    EXPECT_LT(memory(sandbox(), "VmRSS"), modest);
+    // slapd has a second to fill whatever would let it.
+    EXPECT_FALSE(
+        becomes([] { return memory(sandbox(), "VmRSS") > modest; }, std::chrono::seconds(1)));
     // Everything comes in the end: 300 of the searches, whole.
     std::size_t done = 0;
     std::size_t entries = 0;
@@ -368,7 +370,7 @@ TEST(Identity, TheOperatingSystemsUserIsNotTheClients)
         ASSERT_EQ(result_code(client.receive()), LDAP_SUCCESS);
         ASSERT_EQ(who(client, 2), "dn:" + admin_dn);
         client.send(sasl_bind(3, mechanism));
-        EXPECT_NE(result_code(client.receive()), LDAP_SUCCESS) << mechanism;
+        EXPECT_EQ(result_code(client.receive()), LDAP_AUTH_METHOD_NOT_SUPPORTED) << mechanism;
         EXPECT_EQ(who(client, 4), "") << "a failed bind makes anonymous";
         client.send(split_request(5, "ou=sales,ou=people," + base));
         EXPECT_EQ(result_code(client.receive()), LDAP_INSUFFICIENT_ACCESS);
@@ -393,19 +395,22 @@ TEST(Identity, ARequestSentRightBehindTheBindIsMadeByWhoBinds)
 {
     RawClient client(sandbox().port());
     const std::string sales = "ou=sales,ou=people," + base;
-    client.send(simple_bind(1, admin_dn, "secret") + split_request(2, sales) + who_am_i(3) +
-                simple_bind(4, "", "") + split_request(5, sales));
+    // One round for each bind: slapd abandons what is outstanding when the next one comes.
     std::map<int, int> codes;
-    for (int i = 0; i < 5; ++i) {
-        const std::string message = client.receive();
-        ASSERT_FALSE(message.empty());
-        codes[message_id(message)] = result_code(message);
+    for (const std::string &requests :
+         {simple_bind(1, admin_dn, "secret") + split_request(2, sales),
+          simple_bind(3, "", "") + split_request(4, sales)}) {
+        client.send(requests);
+        for (int i = 0; i < 2; ++i) {
+            const std::string message = client.receive();
+            ASSERT_FALSE(message.empty()) << testing::PrintToString(codes);
+            codes[message_id(message)] = result_code(message);
+        }
     }
     EXPECT_EQ(codes, (std::map<int, int>{{1, LDAP_SUCCESS},
                                          {2, LDAP_SUCCESS},
                                          {3, LDAP_SUCCESS},
-                                         {4, LDAP_SUCCESS},
-                                         {5, LDAP_INSUFFICIENT_ACCESS}}));
+                                         {4, LDAP_INSUFFICIENT_ACCESS}}));
     Session admin = sandbox().admin();
     std::string dn = sales;
     EXPECT_EQ(ldap_merge_partitions(admin.get(), dn.data(), 0), LDAP_SUCCESS);

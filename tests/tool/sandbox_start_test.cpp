@@ -208,8 +208,7 @@ TEST(Usage, WhatCannotBeMeantIsRefused)
     }
 }
 
-// ---- A tree of one's own
-// -------------------------------------------------------------------------
+// ---- A tree of one's own -----------------------------------------------------------------------
 
 TEST(OwnTree, TakesItsNamingContextFromTheFirstEntry)
 {
@@ -355,8 +354,7 @@ TEST(OwnTree, AHundredThousandEntriesAreCountedOneByOne)
     EXPECT_EQ(entries + inside, 100000U);
 }
 
-// ---- Ending
-// --------------------------------------------------------------------------------------
+// ---- Ending ------------------------------------------------------------------------------------
 
 TEST(Ending, ASignalEndsItCleanlyAndLeavesNothing)
 {
@@ -438,8 +436,7 @@ TEST(Ending, AReaderOfItsOutputThatLeavesIsNoReasonTo)
     }
 }
 
-// ---- Watching
-// ------------------------------------------------------------------------------------
+// ---- Watching ----------------------------------------------------------------------------------
 
 TEST(Watching, VerboseWritesOneLineForEachOperation)
 {

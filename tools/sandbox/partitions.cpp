@@ -281,8 +281,7 @@ void Partitions::change_running(const Process &process, const Behalf &behalf,
         });
 }
 
-// ---- Entry count
-// ----------------------------------------------------------------------------------
+// ---- Entry count -------------------------------------------------------------------------------
 
 void Partitions::count(std::shared_ptr<Call> call)
 {
@@ -325,8 +324,7 @@ void Partitions::count_within(std::shared_ptr<Call> call, const Target &root)
         });
 }
 
-// ---- Orphan partitions
-// ----------------------------------------------------------------------------
+// ---- Orphan partitions -------------------------------------------------------------------------
 
 // OCTET STRING serverDN, OCTET STRING contextName: one value more or less on the server's object.
 void Partitions::change_orphan(std::shared_ptr<Call> call, int operation)
