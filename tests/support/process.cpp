@@ -129,6 +129,7 @@ struct Child::State {
     bool terminal = false;
     Descriptor in, out, err;
     std::string out_text, err_text;
+    std::size_t seen = 0; // of err_text, by wait_for
 
     void start(const std::vector<std::string> &arguments, const ProcessOptions &options);
     // Moves what can be moved until the deadline or until there is something new.
@@ -328,6 +329,28 @@ std::string Child::read_line(std::chrono::milliseconds timeout)
                                      ": no line came; standard error: " + state_->err_text);
         state_->transfer(deadline);
     }
+}
+
+void Child::wait_for(const std::string &text, std::chrono::milliseconds timeout)
+{
+    auto deadline = Clock::now() + timeout;
+    for (;;) {
+        std::size_t found = state_->err_text.find(text, state_->seen);
+        if (found != std::string::npos) {
+            state_->seen = found + text.size();
+            return;
+        }
+        if (!state_->err.open() || Clock::now() >= deadline)
+            throw std::runtime_error(state_->name + ": \"" + text +
+                                     "\" was not shown; the terminal shows: " + state_->err_text);
+        state_->transfer(deadline);
+    }
+}
+
+void Child::type(const std::string &text)
+{
+    state_->unwritten += text;
+    state_->write_input();
 }
 
 Finished Child::wait()

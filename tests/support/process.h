@@ -53,6 +53,11 @@ public:
     // The next line of standard output, without its end. Throws when none comes in time, with
     // what standard error says.
     std::string read_line(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    // With .terminal: waits until the terminal shows this text, after what the last call waited
+    // for; throws when it does not come. And what is typed then.
+    void wait_for(const std::string &text,
+                  std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    void type(const std::string &text);
     // Waits for the end; kills the child when the options' timeout, counted from here, is over.
     // What read_line() returned is not in out again.
     Finished wait();

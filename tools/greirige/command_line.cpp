@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "ldapx.h"
-#include "terminal.h"
+#include "signals.h"
 #include "text.h"
 
 namespace tool {
@@ -289,7 +289,10 @@ std::string CommandLine::explain(const CLI::ParseError &error) const
     if (dynamic_cast<const CLI::RequiredError *>(&error) != nullptr) // "DN is required"
         return before + text.substr(0, text.find(' ')) + " is missing" + see;
     if (dynamic_cast<const CLI::ArgumentMismatch *>(&error) != nullptr)
-        return before + text.substr(0, text.find(':')) + " needs a value" + see;
+        return before + text.substr(0, text.find(':')) +
+               (text.find("received") == std::string::npos ? " needs a value"
+                                                           : " is given more than once") +
+               see;
     if (dynamic_cast<const CLI::ConversionError *>(&error) != nullptr) { // "...: --flags = abc"
         const std::size_t name = text.find(": ") + 2;
         const std::size_t equals = text.find(" = ");

@@ -155,6 +155,7 @@ std::string address_of_this_host(const std::string &name)
     return text;
 }
 
+// Who works at this session, for the server's log.
 Control session_tracking(const Extension &extension, const ConnectionOptions &options, LDAP *ld)
 {
     std::string user = extension.parameter.value_or(!options.authentication_id.empty()

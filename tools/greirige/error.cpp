@@ -31,16 +31,6 @@ std::vector<std::string> take_referrals(LDAP *ld)
     return all;
 }
 
-long answer_timeout(LDAP *ld)
-{
-    timeval *timeout = nullptr;
-    if (ldap_get_option(ld, LDAP_OPT_TIMEOUT, &timeout) != LDAP_OPT_SUCCESS || timeout == nullptr)
-        return -1;
-    const long seconds = timeout->tv_sec;
-    ldap_memfree(timeout);
-    return seconds;
-}
-
 constexpr const char *unreadable = "the server's answer cannot be read";
 
 // Our words where the LDAP library's own say too little.
@@ -105,6 +95,16 @@ std::string hint_for(const LdapFailure &failure)
 
 } // namespace
 
+long seconds_of(LDAP *ld, int option)
+{
+    timeval *timeout = nullptr;
+    if (ldap_get_option(ld, option, &timeout) != LDAP_OPT_SUCCESS || timeout == nullptr)
+        return -1;
+    const long seconds = timeout->tv_sec;
+    ldap_memfree(timeout);
+    return seconds;
+}
+
 LdapFailure last_failure(LDAP *ld, int code)
 {
     LdapFailure failure{
@@ -116,7 +116,8 @@ LdapFailure last_failure(LDAP *ld, int code)
     failure.matched_dn = take_string(ld, LDAP_OPT_MATCHED_DN);
     failure.referrals = take_referrals(ld);
     if (code == LDAP_TIMEOUT && failure.diagnostic.empty())
-        failure.diagnostic = "no answer within " + counted(answer_timeout(ld), "second");
+        failure.diagnostic =
+            "no answer within " + counted(seconds_of(ld, LDAP_OPT_TIMEOUT), "second");
     return failure;
 }
 

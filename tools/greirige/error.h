@@ -50,6 +50,9 @@ LdapFailure last_failure(LDAP *ld, int code);
 // "No such object (32): the server says "...", the nearest entry is "o=x" (check the DN)".
 std::string describe(const LdapFailure &failure);
 
+// A time limit of the session, LDAP_OPT_TIMEOUT or LDAP_OPT_NETWORK_TIMEOUT; -1 for none.
+long seconds_of(LDAP *ld, int option);
+
 // No later request can be answered on a session after this code.
 bool connection_is_lost(int code);
 

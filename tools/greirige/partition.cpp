@@ -3,7 +3,7 @@
 #include "commands.h"
 
 #include "ldapx.h"
-#include "terminal.h"
+#include "signals.h"
 #include "text.h"
 
 namespace tool {

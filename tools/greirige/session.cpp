@@ -2,9 +2,12 @@
 
 #include <vector>
 
+#include <sys/socket.h>
+
 #include "error.h"
 #include "library_options.h"
 #include "sasl.h"
+#include "signals.h"
 #include "terminal.h"
 #include "text.h"
 #include "trace.h"
@@ -16,6 +19,8 @@ namespace {
 // So that nothing hangs for ever where neither ldap.conf nor -o sets a limit.
 constexpr int default_network_timeout = 15; // to connect and to encrypt, in seconds
 constexpr int default_timeout = 60;         // for the answer to an operation
+
+constexpr ber_len_t largest_answer = 256UL * 1024 * 1024;
 
 void set_default_timeout(int option, int seconds)
 {
@@ -38,6 +43,9 @@ std::string with_hint(const std::string &text, const std::string &hint)
 {
     return hint.empty() ? text : text + " (" + hint + ')';
 }
+
+const Cause handshake_timeout{"the TLS handshake is not answered",
+                              "-o nettimeout=SECONDS waits longer"};
 
 // A URI that has a DN of dc components but no host stands for the servers that DNS lists for that
 // domain (RFC 2782).
@@ -117,6 +125,30 @@ std::string resolve_domains(const std::string &uris)
     return resolved;
 }
 
+int socket_of(Sockbuf *buffer)
+{
+    ber_socket_t file = -1;
+    ber_sockbuf_ctrl(buffer, LBER_SB_OPT_GET_FD, &file);
+    return file;
+}
+
+// libldap heeds its time limit only between messages: a server that stops in the middle of one
+// would keep a read waiting for ever. With a limit on the socket the read gives up now and then,
+// and libldap looks at the clock. And a length that no answer has must not be allocated.
+void guard_against_stalls(Sockbuf *buffer, int file)
+{
+    const timeval patience{.tv_sec = 1, .tv_usec = 0};
+    setsockopt(file, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    setsockopt(file, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    ber_len_t largest = largest_answer;
+    ber_sockbuf_ctrl(buffer, LBER_SB_OPT_SET_MAX_INCOMING, &largest);
+}
+
+void on_disconnect(LDAP *, Sockbuf *, ldap_conncb *)
+{
+    end_reads_on_signal(-1); // the number may soon name something else
+}
+
 } // namespace
 
 Session::Session(ConnectionOptions &options, bool verbose) : options_(options), verbose_(verbose)
@@ -137,7 +169,15 @@ Session::Session(ConnectionOptions &options, bool verbose) : options_(options), 
     // A referral is shown, not followed: the other server would be asked without a bind.
     ldap_set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
     apply_session_options(options, ld);
+    if (!options.security_properties.empty() &&
+        ldap_set_option(ld, LDAP_OPT_X_SASL_SECPROPS, options.security_properties.c_str()) != 0)
+        throw UsageError("-O " + in_quotes(options.security_properties) +
+                         ": not security properties as in ldap.conf(5)");
+    if (options.sasl_no_canonical)
+        ldap_set_option(ld, LDAP_OPT_X_SASL_NOCANON, LDAP_OPT_ON);
     controls_ = std::make_unique<Controls>(options, ld);
+    callback_ = {.lc_add = on_connect, .lc_del = on_disconnect, .lc_arg = this};
+    ldap_set_option(ld, LDAP_OPT_CONNECT_CB, &callback_);
 
     list_servers();
 }
@@ -167,16 +207,26 @@ void Session::open()
     if (open_)
         return;
     open_ = true;
+    Secret secret = given_password();
     reach();
+    end_reads_on_signal(socket_);
     if (options_.start_tls > 0)
         start_tls();
-    bind();
+    if (options_.ask_password)
+        secret = read_password("Enter LDAP Password: ");
+    bind(secret);
     ldap_set_option(ld_.get(), LDAP_OPT_SERVER_CONTROLS, controls_->for_operations());
 }
 
-int Session::note_server(LDAP *, LDAPURLDesc **, LDAPURLDesc **url, void *session)
+int Session::on_connect(LDAP *, Sockbuf *buffer, LDAPURLDesc *server, sockaddr *,
+                        ldap_conncb *callback)
 {
-    static_cast<Session *>(session)->server_ = printable(uri_of(**url));
+    auto &session = *static_cast<Session *>(callback->lc_arg);
+    session.server_ = printable(uri_of(*server));
+    session.socket_ = socket_of(buffer);
+    guard_against_stalls(buffer, session.socket_);
+    if (session.limit_ != nullptr)
+        session.limit_->begin(session.socket_);
     return LDAP_SUCCESS;
 }
 
@@ -188,15 +238,18 @@ void Session::reach()
         options_.uri = uris;
         list_servers();
     }
-    ldap_set_urllist_proc(ld_.get(), note_server, this);
-
     const LibraryTrace trace;
+    const HandshakeLimit limit(seconds_of(ld_.get(), LDAP_OPT_NETWORK_TIMEOUT));
+    limit_ = &limit;
     const int code = ldap_connect(ld_.get());
+    limit_ = nullptr;
     if (code == LDAP_SUCCESS) {
         say("connected to " + server_);
         return;
     }
-    const std::vector<Cause> causes = connection_causes(LibraryTrace::lines());
+    std::vector<Cause> causes = connection_causes(LibraryTrace::lines());
+    if (limit.exceeded() && !causes.empty())
+        causes.back() = handshake_timeout;
     if (causes.empty())
         fail("cannot reach " + server_ + ": " + describe(last_failure(ld_.get(), code)));
     if (causes.size() == 1)
@@ -210,36 +263,43 @@ void Session::reach()
 
 void Session::start_tls()
 {
-    const LibraryTrace trace;
-    const int code = ldap_start_tls_s(ld_.get(), nullptr, nullptr);
+    int code = ldap_extended_operation_s(ld_.get(), LDAP_EXOP_START_TLS, nullptr, nullptr, nullptr,
+                                         nullptr, nullptr);
+    const bool refused = code > 0;
+    std::string why;
+    if (code != LDAP_SUCCESS) {
+        why = describe(last_failure(ld_.get(), code));
+    } else {
+        const LibraryTrace trace;
+        const HandshakeLimit limit(seconds_of(ld_.get(), LDAP_OPT_NETWORK_TIMEOUT));
+        limit.begin(socket_);
+        code = ldap_install_tls(ld_.get());
+        const Cause cause = limit.exceeded() ? handshake_timeout : tls_cause(LibraryTrace::lines());
+        why = cause.text.empty() ? describe(last_failure(ld_.get(), code))
+                                 : with_hint(cause.text, cause.hint);
+    }
     if (code == LDAP_SUCCESS) {
         say("encrypted with StartTLS");
         return;
     }
-    const Cause cause = tls_cause(LibraryTrace::lines());
-    const std::string why = cause.text.empty() ? describe(last_failure(ld_.get(), code))
-                                               : with_hint(cause.text, cause.hint);
     const std::string message = "cannot encrypt the connection to " + server_ + ": " + why;
     // A server that refuses StartTLS leaves the connection as it was, and one -Z goes on with it.
-    if (code < 0 || options_.start_tls > 1)
+    if (!refused || options_.start_tls > 1)
         fail(message);
     leave_if_interrupted();
     complain("warning: " + message + "; going on without encryption");
 }
 
-Secret Session::password() const
+Secret Session::given_password() const
 {
-    if (options_.ask_password)
-        return read_password("Enter LDAP Password: ");
     if (!options_.password_file.empty())
         return read_password_file(options_.password_file);
     return options_.password ? Secret(options_.password->text()) : Secret();
 }
 
-void Session::bind()
+void Session::bind(const Secret &password)
 {
-    const Secret secret = password();
-    const int code = options_.simple ? bind_simple(secret) : bind_sasl(secret);
+    const int code = options_.simple ? bind_simple(password) : bind_sasl(password);
     const std::string who = options_.bind_dn ? " as " + in_quotes(*options_.bind_dn)
                             : !options_.authentication_id.empty()
                                 ? " as " + in_quotes(options_.authentication_id)
@@ -250,7 +310,7 @@ void Session::bind()
     }
     leave_if_interrupted();
     std::string why = describe(last_failure(ld_.get(), code));
-    if (options_.simple && options_.bind_dn && secret.empty() && !connection_is_lost(code))
+    if (options_.simple && options_.bind_dn && password.empty() && !connection_is_lost(code))
         why += "; no password was given: -W asks for one";
     if (!options_.simple && !connection_is_lost(code))
         why += "; this was a SASL bind: -x binds by name and password";

@@ -40,19 +40,23 @@ private:
     void list_servers();
     void reach();
     void start_tls();
-    void bind();
+    void bind(const Secret &password);
     int bind_simple(const Secret &password);
     int bind_sasl(const Secret &password);
     int take_bind_response(LDAPMessage *response);
-    Secret password() const;
+    Secret given_password() const;
     void say(const std::string &what) const;
-    static int note_server(LDAP *ld, LDAPURLDesc **list, LDAPURLDesc **url, void *session);
+    static int on_connect(LDAP *ld, Sockbuf *buffer, LDAPURLDesc *server, sockaddr *address,
+                          ldap_conncb *callback);
 
     ConnectionOptions &options_;
     bool verbose_;
     bool open_ = false;
     std::string server_;
     std::vector<std::string> servers_; // the same, one by one, while none has answered
+    int socket_ = -1;
+    const class HandshakeLimit *limit_ = nullptr; // while a connection is being made
+    ldap_conncb callback_ = {};                   // libldap calls it until the session ends
     std::unique_ptr<LDAP, Unbind> ld_;
     std::unique_ptr<Controls> controls_;
 };

@@ -1,25 +1,15 @@
 #include "terminal.h"
 
-#include <cerrno>
-#include <csignal>
-#include <cstdlib>
-
 #include <fcntl.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include "error.h"
+#include "signals.h"
 
 namespace tool {
 
 namespace {
-
-volatile std::sig_atomic_t signal_received = 0;
-
-extern "C" void note_signal(int number)
-{
-    signal_received = number;
-}
 
 void write_all(int file, std::string_view text)
 {
@@ -77,12 +67,9 @@ template <class Append>
 bool read_line(int file, Append append)
 {
     for (bool any = false;; any = true) {
+        wait_for_input(file);
         char byte = 0;
-        const ssize_t got = read(file, &byte, 1);
-        if (got < 0 && errno == EINTR && !interrupted())
-            continue;
-        leave_if_interrupted();
-        if (got <= 0)
+        if (read(file, &byte, 1) != 1)
             return any;
         if (byte == '\n')
             return true;
@@ -123,40 +110,6 @@ Secret read_password(const std::string &prompt)
 Secret read_answer(const std::string &prompt)
 {
     return ask(prompt, false);
-}
-
-void catch_signals()
-{
-    struct sigaction action = {};
-    action.sa_handler = note_signal;
-    action.sa_flags = static_cast<int>(SA_RESETHAND); // not SA_RESTART: waiting calls must end
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-        struct sigaction before = {};
-        sigaction(number, nullptr, &before);
-        if (before.sa_handler != SIG_IGN) // as nohup(1) and background shells leave it
-            sigaction(number, &action, nullptr);
-    }
-    // A server or a reader of our output that goes away is an error to report, not a death.
-    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
-}
-
-bool interrupted()
-{
-    return signal_received != 0;
-}
-
-void leave_if_interrupted()
-{
-    if (interrupted())
-        throw Interrupted{};
-}
-
-void end_by_signal()
-{
-    const int number = signal_received;
-    static_cast<void>(std::signal(number, SIG_DFL));
-    static_cast<void>(raise(number));
-    std::_Exit(128 + number);
 }
 
 } // namespace tool

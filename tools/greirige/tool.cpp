@@ -1,5 +1,6 @@
 #include "tool.h"
 
+#include "signals.h"
 #include "terminal.h"
 #include "text.h"
 
@@ -19,6 +20,11 @@ LDAP *Tool::ld()
 const std::string &Tool::server() const
 {
     return session_->server();
+}
+
+void Tool::handle_signals_itself()
+{
+    end_reads_on_signal(-1);
 }
 
 bool Tool::begin(const Operation &operation)

@@ -41,6 +41,11 @@ public:
     LDAP *ld();
     const std::string &server() const;
 
+    // For commands that wait with ldap_result() themselves (after ld()), at most a second at a
+    // time, and look at interrupted() in between: a signal no longer ends what can be read from the
+    // server.
+    static void handle_signals_itself();
+
     // False when nothing is to be sent (-n): what would be done has been shown then. A destructive
     // operation is announced and must be confirmed; a Failure is thrown when it is not.
     bool begin(const Operation &operation);
