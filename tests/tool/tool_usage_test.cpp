@@ -1,5 +1,8 @@
 // What the tool says before it sends anything: help, versions, wrong usage, dry runs, consent.
 
+#include <fstream>
+#include <iterator>
+
 #include <gtest/gtest.h>
 
 #include "ldapx.h"
@@ -237,6 +240,25 @@ TEST(Help, examples_are_commands_that_the_tool_understands)
         EXPECT_EQ(finished.status, 0) << example << '\n' << finished.err;
         EXPECT_TRUE(finished.out.starts_with("would ")) << finished.out;
     }
+}
+
+TEST(Manual, names_every_command_and_every_option)
+{
+    std::ifstream file(MANUAL_PAGE);
+    const std::string page{std::istreambuf_iterator<char>(file), {}};
+    for (const Arguments &words : commands)
+        EXPECT_NE(page.find(".It Cm " + joined(words)), std::string::npos) << joined(words);
+    const std::string help = greirige({"--help"}).out;
+    int options = 0;
+    for (std::size_t at = 0; (at = help.find("--", at)) != std::string::npos; ++options) {
+        at += 2;
+        const std::string name =
+            help.substr(at, help.find_first_not_of("abcdefghijklmnopqrstuvwxyz-", at) - at);
+        if (name != "help") {
+            EXPECT_NE(page.find(" -" + name), std::string::npos) << name;
+        }
+    }
+    EXPECT_GE(options, 22);
 }
 
 TEST(Version, shows_the_tool_the_library_and_libldap)
