@@ -286,6 +286,15 @@ TEST(Answer, is_garbage)
     }
 }
 
+TEST(Answer, that_stops_in_the_middle_is_given_up)
+{
+    TcpPeer peer;
+    peer.answer_raw(split_request, bytes("30 20 02 01"));
+    expect(greirige(peer, {"-o", "timeout=2", "partition", "split", "o=x"}), 1,
+           cannot_split + peer.uri() +
+               ": Timed out (-5): no answer within 2 seconds (-o timeout=SECONDS waits longer)\n");
+}
+
 TEST(Answer, on_which_the_ldap_library_asserts_is_a_failure_like_any_other)
 {
     TcpPeer peer;
