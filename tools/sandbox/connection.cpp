@@ -431,7 +431,7 @@ void Connection::bind_answered(std::string_view bytes)
 void Connection::ask_identity()
 {
     identity_request_ = std::numeric_limits<std::int32_t>::max();
-    while (exchanges_.count(identity_request_) != 0)
+    while (exchanges_.contains(identity_request_))
         --identity_request_;
     slapd_->send(message(identity_request_, extended_request(LDAP_EXOP_WHO_AM_I)));
 }
@@ -489,7 +489,7 @@ void Connection::answer(const Call &call, const Result &result,
 
 void Connection::notify(const Call &call, std::string_view name, std::string_view value)
 {
-    if (calls_.count(call.id()) != 0)
+    if (calls_.contains(call.id()))
         send_to_client(message(call.id(), intermediate_response(name, value)));
 }
 

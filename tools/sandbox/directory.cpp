@@ -304,7 +304,7 @@ void Directory::transmit(const Behalf &behalf, std::string_view operation,
     }
     do
         last_id_ = last_id_ == std::numeric_limits<std::int32_t>::max() ? 1 : last_id_ + 1;
-    while (outstanding_.count(last_id_) != 0);
+    while (outstanding_.contains(last_id_));
     outstanding_.emplace(last_id_, std::move(request));
     link_->send(message(last_id_, operation, behalf_control(behalf).append(controls)));
 }

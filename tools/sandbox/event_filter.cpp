@@ -93,7 +93,7 @@ std::optional<std::string> comparable_dn(const std::string &text)
 std::optional<std::int64_t> number_in(std::string_view text)
 {
     std::int64_t number = 0;
-    const auto end = text.data() + text.size();
+    const auto *const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, number);
     if (error != std::errc() || stop != end)
         return {};

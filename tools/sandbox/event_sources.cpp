@@ -6,6 +6,7 @@
 #include "ldapx.h"
 
 #include <algorithm>
+#include <charconv>
 #include <ctime>
 #include <set>
 #include <utility>
@@ -65,6 +66,15 @@ bool is_readable(std::string_view text)
                         [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7f; });
 }
 
+// The last number of a name: 2.16.840.1.424242.1.27.100.3 is operation 3.
+int last_arc(std::string_view name)
+{
+    const std::string_view digits = name.substr(name.rfind('.') + 1);
+    int number = 0;
+    std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    return number;
+}
+
 // The first values of an extended request of ours, as text. A backup's and a restore's password
 // comes after the name of the entry, which is all that is told of them.
 std::vector<std::string> request_values(std::string_view name, std::string_view bytes)
@@ -106,7 +116,7 @@ std::vector<std::string> values_only_in(const Attribute &attribute, const Entry 
     const std::set<std::string_view> known(same->values.begin(), same->values.end());
     std::vector<std::string> values;
     for (const std::string &value : attribute.values)
-        if (known.count(value) == 0)
+        if (!known.contains(value))
             values.push_back(value);
     return values;
 }
@@ -341,8 +351,7 @@ void EventSources::extended(const Request &request, ber::Reader body)
     if (Operations::is_ours(name)) {
         if (events_.are_wanted(system_extended_event, code))
             publish(request, system_extended_event,
-                    encode_system_extended(request->origin,
-                                           std::atoi(name.c_str() + name.rfind('.') + 1), name,
+                    encode_system_extended(request->origin, last_arc(name), name,
                                            request_values(name, value), code),
                     {});
         return;

@@ -18,7 +18,7 @@ using Names = std::vector<std::string>; // a class, then its attributes
 
 bool is_name(std::string_view text)
 {
-    return !text.empty() && text.find_first_of(std::string_view("$\0", 2)) == text.npos;
+    return !text.empty() && text.find_first_of(std::string_view("$\0", 2)) == std::string::npos;
 }
 
 std::vector<Names> read_filter(ber::Reader filter)

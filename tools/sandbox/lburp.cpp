@@ -297,7 +297,7 @@ Result BulkUpdates::Session::refusal(const Batch &batch) const
         return out_of_order(name + " comes after the end");
     if (batch.number < 1)
         return out_of_order("batches are numbered from 1");
-    if (batch.number < next_ || early_.count(batch.number) != 0)
+    if (batch.number < next_ || early_.contains(batch.number))
         return out_of_order(name + " has come already");
     if (batch.number > next_ + most_early)
         return out_of_order(name + " comes too early: the next one is " + std::to_string(next_));

@@ -20,18 +20,18 @@ struct Partitions::Running {
 
 namespace {
 
-const std::vector<Change> mark(const char *state)
+std::vector<Change> mark(const char *state)
 {
     return {{LDAP_MOD_ADD, "objectClass", {partition_root}},
             {LDAP_MOD_REPLACE, partition_state, {state}}};
 }
 
-const std::vector<Change> set_state(const char *state)
+std::vector<Change> set_state(const char *state)
 {
     return {{LDAP_MOD_REPLACE, partition_state, {state}}};
 }
 
-const std::vector<Change> unmark()
+std::vector<Change> unmark()
 {
     return {{LDAP_MOD_DELETE, "objectClass", {partition_root}},
             {LDAP_MOD_DELETE, partition_state, {}}};
@@ -228,7 +228,7 @@ void Partitions::finish(const Process &process)
         });
 }
 
-void Partitions::take_effect(const Process &process, Directory::Done done)
+void Partitions::take_effect(const Process &process, Directory::Done done) const
 {
     if (process->kind == Kind::split && effects_.split)
         effects_.split(process->dn, process->uuid, process->parent_uuid, std::move(done));

@@ -88,7 +88,7 @@ private:
     void finish(const Process &process);
     void change_running(const Process &process, const Behalf &behalf,
                         const std::vector<Change> &changes, Directory::Done done);
-    void take_effect(const Process &process, Directory::Done done);
+    void take_effect(const Process &process, Directory::Done done) const;
     Process running_on(const std::string &uuid) const;
 
     asio::io_context &loop_;

@@ -84,6 +84,7 @@ TemporaryDirectory::~TemporaryDirectory()
 Child::Child(const std::vector<std::string> &command, const std::filesystem::path &output)
 {
     std::vector<char *> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string &argument : command)
         arguments.push_back(const_cast<char *>(argument.c_str()));
     arguments.push_back(nullptr);
@@ -149,7 +150,8 @@ std::string find_program(const std::string &name)
     std::istringstream directories(std::string(path != nullptr ? path : "") +
                                    ":/usr/sbin:/usr/local/sbin:/sbin");
     for (std::string directory; std::getline(directories, directory, ':');) {
-        const std::string candidate = directory + "/" + name;
+        std::string candidate = directory;
+        candidate.append("/").append(name);
         if (!directory.empty() && access(candidate.c_str(), X_OK) == 0)
             return candidate;
     }

@@ -103,7 +103,7 @@ std::optional<Replica> replica_of(const std::string &text)
     const auto modified = time_of(next("modified"));
     const auto purged = time_of(next("purged"));
     const std::string uuid = next("id");
-    const auto known = std::find(type_names.begin(), type_names.end(), type);
+    const auto *const known = std::find(type_names.begin(), type_names.end(), type);
     const std::size_t name = text.find(" partition=");
     if (!number || !flags || !modified || !purged || known == type_names.end() || uuid.empty() ||
         name == std::string::npos)
@@ -530,6 +530,7 @@ void Replicas::list(std::shared_ptr<Call> call)
         if (held.empty())
             return call->answer({}, ber::sequence());
         std::vector<std::string> wanted;
+        wanted.reserve(held.size());
         for (const Replica &replica : held)
             wanted.push_back(filter::equal("entryUUID", replica.partition_uuid));
         const auto names = std::make_shared<std::map<std::string, std::string>>();

@@ -75,8 +75,8 @@ void Subschema::learn(const Entry &subschema)
     }
     for (const auto &[name, first] : parents) {
         std::string parent = first;
-        for (int depth = 0;
-             depth < 20 && syntaxes_.count(parent) == 0 && parents.count(parent) != 0; ++depth)
+        for (int depth = 0; depth < 20 && !syntaxes_.contains(parent) && parents.contains(parent);
+             ++depth)
             parent = parents.at(parent);
         if (const auto found = syntaxes_.find(parent); found != syntaxes_.end())
             syntaxes_[name] = found->second;

@@ -5,6 +5,7 @@
 #include "schema.h"
 #include "system_tree.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -290,7 +291,7 @@ void Synchronisation::finish(const Request &request, const Directory::Done &done
     replicas_.edit_all(
         request.partition_uuid,
         [this, replicas = request.replicas](Replica &replica) {
-            if (replicas.count(replica.number) == 0)
+            if (!replicas.contains(replica.number))
                 return false;
             replica.updating = is_awaited(replica.number);
             Replicas::touch(replica);
@@ -305,10 +306,9 @@ void Synchronisation::finish(const Request &request, const Directory::Done &done
 
 bool Synchronisation::is_awaited(int replica) const
 {
-    for (const auto &[number, request] : waiting_)
-        if (request.replicas.count(replica) != 0)
-            return true;
-    return false;
+    return std::ranges::any_of(waiting_, [replica](const auto &waiting) {
+        return waiting.second.replicas.contains(replica);
+    });
 }
 
 void Synchronisation::finish_waiting(Counted done)

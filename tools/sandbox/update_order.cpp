@@ -126,7 +126,7 @@ bool UnderWay::depends(const std::string &name) const
     // Names above it and the name itself.
     for (std::size_t end = name.find('\n'); end != std::string::npos;
          end = name.find('\n', end + 1))
-        if (names_.count(name.substr(0, end + 1)) != 0)
+        if (names_.contains(name.substr(0, end + 1)))
             return true;
     const auto below = names_.lower_bound(name);
     return below != names_.end() && begins_with(*below, name);
