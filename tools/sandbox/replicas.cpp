@@ -356,16 +356,21 @@ void Replicas::change(std::shared_ptr<Call> call, const Request &request, Found 
     });
 }
 
-// INTEGER flags, INTEGER type, OCTET STRING server, OCTET STRING partition.
-void Replicas::add(std::shared_ptr<Call> call)
+Replicas::Request Replicas::read_typed(const Call &call)
 {
-    ber::Reader value = call->value();
+    ber::Reader value = call.value();
     Request request;
     request.flags = value.integer();
     request.type = value.integer();
     request.server = value.text();
     request.partition = value.text();
     value.finish();
+    return request;
+}
+
+void Replicas::add(std::shared_ptr<Call> call)
+{
+    const Request request = read_typed(*call);
     if (refuse_anonymous(*call) || refuse_type(*call, request.type))
         return;
     change(call, request,
@@ -431,13 +436,7 @@ void Replicas::remove(std::shared_ptr<Call> call)
 // As add(). The former master of a new one becomes a secondary.
 void Replicas::change_type(std::shared_ptr<Call> call)
 {
-    ber::Reader value = call->value();
-    Request request;
-    request.flags = value.integer();
-    request.type = value.integer();
-    request.server = value.text();
-    request.partition = value.text();
-    value.finish();
+    const Request request = read_typed(*call);
     if (refuse_anonymous(*call) || refuse_type(*call, request.type))
         return;
     change(call, request,

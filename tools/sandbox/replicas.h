@@ -107,6 +107,9 @@ private:
     void information(std::shared_ptr<Call> call);
     void list(std::shared_ptr<Call> call);
 
+    // INTEGER flags, INTEGER type, OCTET STRING server, OCTET STRING partition.
+    static Request read_typed(const Call &call);
+
     // Looks up what the request names and waits for its turn; else answers the call.
     void change(std::shared_ptr<Call> call, const Request &request, Found use);
     void write(const Behalf &behalf, const HeldReplica &held, const Replica &changed,
