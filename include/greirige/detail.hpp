@@ -159,7 +159,6 @@ private:
 };
 
 // A NULL-terminated array of them.
-// A NULL-terminated array of them.
 class CStrings {
 public:
     template <class Strings>

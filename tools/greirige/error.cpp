@@ -139,6 +139,17 @@ std::string describe(const LdapFailure &failure)
     return message;
 }
 
+std::string describe(LDAP *ld, const greirige::Error &error)
+{
+    LdapFailure failure = last_failure(ld, error.code);
+    if (error.text == ldapx_err2string(error.code)) {
+        failure.diagnostic = error.diagnostic.empty() ? failure.diagnostic : error.diagnostic;
+        failure.matched_dn = error.matched_dn;
+        return describe(failure);
+    }
+    return text_of(failure) + " (" + std::to_string(error.code) + "): " + printable(error.text);
+}
+
 bool connection_is_lost(int code)
 {
     return code == LDAP_SERVER_DOWN || code == LDAP_TIMEOUT || code == LDAP_CONNECT_ERROR ||

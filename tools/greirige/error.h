@@ -11,6 +11,8 @@
 
 #include <ldap.h>
 
+#include "greirige/result.hpp"
+
 namespace tool {
 
 enum class ExitStatus : int {
@@ -47,8 +49,10 @@ struct LdapFailure {
 // Reads what the session remembers of its last call, which returned this code.
 LdapFailure last_failure(LDAP *ld, int code);
 
-// "No such object (32): the server says "...", the nearest entry is "o=x" (check the DN)".
+// "No such object (32), the server says "...", the nearest entry is "o=x" (check the DN)".
 std::string describe(const LdapFailure &failure);
+// The same of a call through the C++ layer on this session, or what the layer itself found wrong.
+std::string describe(LDAP *ld, const greirige::Error &error);
 
 // A time limit of the session, LDAP_OPT_TIMEOUT or LDAP_OPT_NETWORK_TIMEOUT; -1 for none.
 long seconds_of(LDAP *ld, int option);

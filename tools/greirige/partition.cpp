@@ -2,7 +2,6 @@
 
 #include "commands.h"
 
-#include "ldapx.h"
 #include "signals.h"
 #include "text.h"
 
@@ -20,21 +19,23 @@ struct PartitionOperation {
     const char *doing_more;
     const char *done; // follows the DN
     bool destructive;
-    int (*call)(LDAP *ld, char *dn, int flags) noexcept;
+    greirige::Result<void> (greirige::Session::*call)(std::string_view dn, int flags) const;
 };
 
 constexpr PartitionOperation operations[] = {
     {"split", "Make an entry the root of a new partition",
      "greirige partition split ou=people,dc=example,dc=com", "The entry that becomes the root",
-     "split the partition at ", "", " is the root of a partition", false, ldap_split_partition},
+     "split the partition at ", "", " is the root of a partition", false,
+     &greirige::Session::split_partition},
     {"merge", "Merge a partition back into its parent partition",
      "greirige partition merge ou=people,dc=example,dc=com",
      "The root of the partition that disappears", "merge the partition ",
-     " into its parent partition", " belongs to its parent partition", true, ldap_merge_partitions},
+     " into its parent partition", " belongs to its parent partition", true,
+     &greirige::Session::merge_partitions},
     {"abort", "Abort the operation that is running on a partition",
      "greirige partition abort ou=people,dc=example,dc=com", "The root of the partition",
      "abort the operation running on the partition ", "", ": the running operation is aborted",
-     true, ldap_abort_partition_operation},
+     true, &greirige::Session::abort_partition_operation},
 };
 
 void add_operation(CommandLine &line, CLI::App &group, const PartitionOperation &operation)
@@ -47,14 +48,15 @@ void add_operation(CommandLine &line, CLI::App &group, const PartitionOperation 
     CLI::App &command = line.command(
         group, operation.command, operation.summary, operation.example,
         [arguments, &operation](Tool &tool) {
-            std::string &dn = arguments->dn;
-            int &flags = arguments->flags;
-            return tool.carry_out({.name = std::string("partition ") + operation.command,
-                                   .doing = operation.doing + in_quotes(dn) + operation.doing_more,
-                                   .done = printable(dn) + operation.done,
-                                   .details = {{"dn", json_text(dn)}, {"flags", flags}},
-                                   .destructive = operation.destructive},
-                                  [&](LDAP *ld) { return operation.call(ld, dn.data(), flags); });
+            const std::string &dn = arguments->dn;
+            const int flags = arguments->flags;
+            return tool.carry_out(
+                {.name = std::string("partition ") + operation.command,
+                 .doing = operation.doing + in_quotes(dn) + operation.doing_more,
+                 .done = printable(dn) + operation.done,
+                 .details = {{"dn", json_text(dn)}, {"flags", flags}},
+                 .destructive = operation.destructive},
+                [&](greirige::Session session) { return (session.*operation.call)(dn, flags); });
         });
     add_dn(command, "DN", arguments->dn, operation.dn_help);
     add_flags(command, arguments->flags);
@@ -68,18 +70,19 @@ struct OrphanOperation {
     const char *preposition;
     const char *done;
     bool destructive;
-    int (*call)(LDAP *ld, char *serverDN, char *contextName) noexcept;
+    greirige::Result<void> (greirige::Session::*call)(std::string_view name,
+                                                      greirige::Server server) const;
 };
 
 constexpr OrphanOperation orphan_operations[] = {
     {"split-orphan", "Split off a partition whose parent no server holds",
      "greirige partition split-orphan o=lost cn=server1,ou=servers,dc=example,dc=com",
      "split off the orphan partition ", " on the server ", " is an orphan partition", false,
-     ldap_split_orphan_partition},
+     &greirige::Session::split_orphan_partition},
     {"remove-orphan", "Remove an orphan partition from a server",
      "greirige partition remove-orphan o=lost cn=server1,ou=servers,dc=example,dc=com",
      "remove the orphan partition ", " from the server ", " is removed", true,
-     ldap_remove_orphan_partition},
+     &greirige::Session::remove_orphan_partition},
 };
 
 void add_orphan_operation(CommandLine &line, CLI::App &group, const OrphanOperation &operation)
@@ -92,8 +95,8 @@ void add_orphan_operation(CommandLine &line, CLI::App &group, const OrphanOperat
     CLI::App &command = line.command(
         group, operation.command, operation.summary, operation.example,
         [arguments, &operation](Tool &tool) {
-            std::string &server = arguments->server;
-            std::string &context = arguments->context;
+            const std::string &server = arguments->server;
+            const std::string &context = arguments->context;
             return tool.carry_out(
                 {.name = std::string("partition ") + operation.command,
                  .doing = operation.doing + in_quotes(context) + operation.preposition +
@@ -101,7 +104,9 @@ void add_orphan_operation(CommandLine &line, CLI::App &group, const OrphanOperat
                  .done = printable(context) + operation.done,
                  .details = {{"serverDN", json_text(server)}, {"contextName", json_text(context)}},
                  .destructive = operation.destructive},
-                [&](LDAP *ld) { return operation.call(ld, server.data(), context.data()); });
+                [&](greirige::Session session) {
+                    return (session.*operation.call)(context, greirige::Server{server});
+                });
         });
     add_dn(command, "DN", arguments->context, "The orphan partition");
     add_dn(command, "SERVER", arguments->server, "The server object on which it lives");
@@ -109,7 +114,7 @@ void add_orphan_operation(CommandLine &line, CLI::App &group, const OrphanOperat
 
 // Counts one partition after the other. One that fails does not stop the others, unless the
 // connection is lost with it.
-ExitStatus count_all(Tool &tool, std::vector<std::string> &dns)
+ExitStatus count_all(Tool &tool, const std::vector<std::string> &dns)
 {
     Operation all{.name = "partition count", .doing = "count the entries of", .done = {}};
     Json &names = all.details["partitions"] = Json::array();
@@ -119,24 +124,26 @@ ExitStatus count_all(Tool &tool, std::vector<std::string> &dns)
     }
     if (!tool.begin(all))
         return ExitStatus::done;
-    LDAP *ld = tool.ld();
+    const greirige::Session session = tool.session();
 
     Json counted = Json::array();
     std::vector<Row> rows;
     bool lost = false;
     std::size_t failed = 0;
-    for (std::string &dn : dns) {
-        unsigned long count = 0; // the library writes its first four bytes only
-        const int code =
-            lost ? LDAP_SERVER_DOWN : ldap_partition_entry_count(ld, dn.data(), &count);
-        if (code == LDAP_SUCCESS) {
-            counted.push_back({{"dn", json_text(dn)}, {"entries", count}});
-            rows.push_back({std::to_string(count), printable(dn)});
-            continue;
+    for (const std::string &dn : dns) {
+        std::string why = "not counted, the connection is lost";
+        int code = LDAP_SERVER_DOWN;
+        if (!lost) {
+            const auto count = session.partition_entry_count(dn);
+            if (count) {
+                counted.push_back({{"dn", json_text(dn)}, {"entries", *count}});
+                rows.push_back({std::to_string(*count), printable(dn)});
+                continue;
+            }
+            leave_if_interrupted();
+            code = count.error().code;
+            why = describe(session.handle(), count.error());
         }
-        leave_if_interrupted();
-        const std::string why =
-            lost ? "not counted, the connection is lost" : describe(last_failure(ld, code));
         complain("cannot count the entries of " + in_quotes(dn) + " on " + tool.server() + ": " +
                  why);
         counted.push_back({{"dn", json_text(dn)}, {"error", {{"code", code}, {"message", why}}}});

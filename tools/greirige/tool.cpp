@@ -12,6 +12,11 @@ Tool::Tool(Options &options)
 {
 }
 
+greirige::Session Tool::session()
+{
+    return greirige::Session(ld());
+}
+
 LDAP *Tool::ld()
 {
     return session_->ld();
@@ -58,18 +63,36 @@ void Tool::get_consent(const Operation &operation) const
 
 void Tool::check(const Operation &operation, int code)
 {
-    if (code == LDAP_SUCCESS)
-        return;
+    if (code != LDAP_SUCCESS)
+        fail(operation, describe(last_failure(ld(), code)));
+}
+
+void Tool::check(const Operation &operation, const greirige::Result<void> &result)
+{
+    if (!result)
+        fail(operation, describe(ld(), result.error()));
+}
+
+void Tool::fail(const Operation &operation, const std::string &why)
+{
     leave_if_interrupted();
-    throw Failure(ExitStatus::failed, "cannot " + operation.doing + " on " + server() + ": " +
-                                          describe(last_failure(ld(), code)));
+    throw Failure(ExitStatus::failed, "cannot " + operation.doing + " on " + server() + ": " + why);
 }
 
 ExitStatus Tool::carry_out(const Operation &operation, const std::function<int(LDAP *)> &call)
 {
+    return carry_out(operation, [&](greirige::Session session) -> greirige::Result<void> {
+        const int code = call(session.handle());
+        check(operation, code);
+        return {};
+    });
+}
+
+ExitStatus Tool::carry_out(const Operation &operation, const Call &call)
+{
     if (!begin(operation))
         return ExitStatus::done;
-    check(operation, call(ld()));
+    check(operation, call(session()));
     if (output.json()) {
         Json json = document(operation);
         json["done"] = true;

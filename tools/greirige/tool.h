@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 
+#include "greirige/session.hpp"
+
 #include "connection.h"
 #include "error.h"
 #include "output.h"
@@ -37,7 +39,8 @@ public:
 
     Output output;
 
-    // The session for the library's functions: connected and bound on first use.
+    // The session: connected and bound on first use.
+    greirige::Session session();
     LDAP *ld();
     const std::string &server() const;
 
@@ -50,10 +53,21 @@ public:
     // operation is announced and must be confirmed; a Failure is thrown when it is not.
     bool begin(const Operation &operation);
 
-    // Throws the Failure that belongs to a result code other than success.
+    // Throws the Failure that belongs to a result code other than success, or to an Error.
     void check(const Operation &operation, int code);
+    void check(const Operation &operation, const greirige::Result<void> &result);
+    // The value of a result; throws the Failure that belongs to its Error.
+    template <class T>
+    T value(const Operation &operation, greirige::Result<T> result)
+    {
+        if (!result)
+            check(operation, greirige::Result<void>(result.error()));
+        return *std::move(result);
+    }
 
     // For operations that only succeed or fail: begins, calls, checks, and reports.
+    using Call = std::function<greirige::Result<void>(greirige::Session)>;
+    ExitStatus carry_out(const Operation &operation, const Call &call);
     ExitStatus carry_out(const Operation &operation, const std::function<int(LDAP *)> &call);
 
     // The beginning of the operation's JSON document: its name, the server, its details.
@@ -64,6 +78,7 @@ public:
 
 private:
     void get_consent(const Operation &operation) const;
+    [[noreturn]] void fail(const Operation &operation, const std::string &why);
 
     Options &options_;
     std::unique_ptr<Session> session_;

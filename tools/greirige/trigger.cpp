@@ -2,8 +2,6 @@
 
 #include "commands.h"
 
-#include "ldapx.h"
-
 namespace tool {
 
 namespace {
@@ -26,7 +24,9 @@ void add_trigger_commands(CommandLine &line)
                                    .doing = "start the background process " + *name,
                                    .done = "the background process " + *name + " is started",
                                    .details = {{"process", *name}}},
-                                  [&](LDAP *ld) { return ldap_trigger_back_process(ld, number); });
+                                  [&](greirige::Session session) {
+                                      return session.trigger(greirige::BackgroundProcess(number));
+                                  });
         });
     add_name(command, "NAME", *name, processes,
              "backlink, janitor, limber, skulker, schema-sync or partition-purge");
