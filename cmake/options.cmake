@@ -19,3 +19,8 @@ if(GREIRIGE_SANITIZE)
         -fsanitize=${GREIRIGE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(greirige_options INTERFACE -fsanitize=${GREIRIGE_SANITIZE})
 endif()
+
+# Every source tells the fuzzers where it has been.
+if(GREIRIGE_FUZZ)
+    target_compile_options(greirige_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()

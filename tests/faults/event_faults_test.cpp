@@ -244,7 +244,7 @@ TEST_F(MessageFaults, are_taken_apart_by_the_ldap_library_and_decoded_without_it
         EXPECT_EQ(steps(calls), (Names{"ldap_parse_intermediate", "ldap_set_option"}));
         EXPECT_EQ(calls.released(), (Names{"ber_bvfree(returnedbv)", "ldap_memfree(returnedOID)"}));
     }
-    const Record record(data), address(ip);
+    const EventRecord record(data), address(ip);
 }
 
 TEST_F(MessageFaults, that_the_ldap_library_refuses_give_its_code)
@@ -288,7 +288,7 @@ TEST_F(MessageFaults, store_their_result_once_whatever_it_is)
                 EXPECT_EQ(session.peer.session_code(), code);
                 EXPECT_EQ(calls.released().back(), "ldap_memfree(returnedOID)");
             }
-            const Record record(data), address(ip);
+            const EventRecord record(data), address(ip);
         }
     int number = 0;
     Calls calls;
@@ -310,7 +310,7 @@ TEST_F(MessageFaults, reach_decoders_that_store_their_result_once_too)
                 kind.decoder(session.ld(), ber.get(), &data, &ip);
                 EXPECT_EQ(calls.count("ldap_set_option"), 1) << kind.name;
             }
-            const Record record(data), address(ip);
+            const EventRecord record(data), address(ip);
         }
 
     // The readers have no session; the trailer's stores its result only where there is one.
@@ -326,5 +326,5 @@ TEST_F(MessageFaults, reach_decoders_that_store_their_result_once_too)
         EXPECT_EQ(calls.count("ldap_set_option"), 1);
     }
     ldapx_memfree(string);
-    const Record address(ip);
+    const EventRecord address(ip);
 }

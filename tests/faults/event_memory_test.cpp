@@ -162,7 +162,7 @@ TEST_P(AnyEventMemory, makes_no_block_for_a_trailer_that_nobody_asked_for)
         const Usage usage =
             measure([&] { ldap_parse_ds_event(session.ld(), message, &type, &result, &data, 0); });
         allocations.push_back(usage.allocations);
-        Record(data).reset();
+        EventRecord(data).reset();
     }
     EXPECT_EQ(allocations[0], allocations[1]);
 }
@@ -341,7 +341,7 @@ TEST_P(AnyEventMemory, may_run_out_at_any_allocation_of_its_decoder)
             void *data = nullptr, *ip = nullptr;
             int code = 0;
             step.run([&] { return code = kind.decoder(peer.ld(), ber.get(), &data, &ip); });
-            const Record record(data), address(ip);
+            const EventRecord record(data), address(ip);
             EXPECT_EQ(peer.session_code(), code);
             EXPECT_EQ(data != nullptr, code == LDAP_SUCCESS);
             EXPECT_EQ(ip != nullptr, code == LDAP_SUCCESS);
@@ -363,7 +363,7 @@ TEST_P(AnyEventMemory, may_run_out_at_any_allocation_of_its_message)
             const Message message = inner.message(whole_value());
             void *data = nullptr, *ip = nullptr;
             step.run([&] { return parse(inner.ld(), message.get(), &data, &ip); });
-            const Record record(data), address(ip);
+            const EventRecord record(data), address(ip);
         };
     };
     for (const Fail mode : {Fail::once, Fail::from_then_on}) {
@@ -401,7 +401,7 @@ TEST_F(EventMemory, an_authentication_without_memory_for_its_mechanism_is_decode
         Fail::once, 2, [&] { code = parseAuthEventData(session.ld(), ber.get(), &data, &ip); });
     EXPECT_TRUE(usage.struck);
     EXPECT_EQ(code, LDAP_SUCCESS);
-    const Record record(data), address(ip);
+    const EventRecord record(data), address(ip);
     const auto *event = static_cast<EVT_AuthEventData *>(data);
     EXPECT_EQ(event->authMechanism, nullptr);
     EXPECT_EQ(event->resultCode, 49);
@@ -515,8 +515,8 @@ TEST_F(EventMemory, a_trailer_without_memory_fails_the_event)
         measure([&] {
             ldap_parse_ds_event_IP(session.ld(), message.get(), &type, &result, &data, 0, &ip);
         }).allocations;
-    Record(data).reset();
-    Record(ip).reset();
+    EventRecord(data).reset();
+    EventRecord(ip).reset();
     const Usage usage = measure_failing(Fail::once, all, [&] {
         code = ldap_parse_ds_event_IP(session.ld(), message.get(), &type, &result, &data, 0, &ip);
     });

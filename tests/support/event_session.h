@@ -8,7 +8,6 @@
 // Every parse and decode also checks that the session's result code is the returned one.
 #pragma once
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,56 +16,17 @@
 
 #include "support/events.h"
 #include "support/peer.h"
+#include "support/records.h"
 #include "support/stated_leak.h"
 
 namespace support {
-
-// With the one address of a referral list that ldap_event_free() leaves allocated.
-inline void release_wholly(void *record)
-{
-    if (static_cast<ber_tag_t *>(record)[-1] == EVT_TAG_SEV_INFO) {
-        const auto *event = static_cast<EVT_SEVInfo *>(record);
-        if (event->referralCount > 0)
-            ldapx_memfree(event->referrals[0].address);
-    }
-    ldap_event_free(record);
-}
-
-struct ReleaseRecord {
-    void operator()(void *record) const
-    {
-        release_wholly(record);
-    }
-};
-using Record = std::unique_ptr<void, ReleaseRecord>;
-
-struct FreeElement {
-    void operator()(BerElement *ber) const
-    {
-        ber_free(ber, 1);
-    }
-};
-using Element = std::unique_ptr<BerElement, FreeElement>;
-
-inline Element element_of(std::string_view bytes)
-{
-    berval value{bytes.size(), const_cast<char *>(bytes.data())};
-    return Element(ber_init(&value));
-}
-
-inline std::size_t unread(const Element &ber)
-{
-    ber_len_t left = 0;
-    ber_get_option(ber.get(), LBER_OPT_BER_REMAINING_BYTES, &left);
-    return left;
-}
 
 struct Event {
     int code = -99;
     int type = -99;
     int result = -99;
-    Record data;
-    Record ip;
+    EventRecord data;
+    EventRecord ip;
 };
 
 class EventSession {
@@ -123,7 +83,7 @@ public:
         void *data = nullptr;
         EXPECT_EQ(ldap_parse_ds_event(ld(), received.get(), &type, &result, &data, 0), event.code);
         EXPECT_EQ(peer.session_code(), event.code);
-        const Record without_trailer(data);
+        const EventRecord without_trailer(data);
         const Verdict verdict = verdict_of(kind, event);
         if (event.code == 0) {
             EXPECT_EQ(describe(kind, data), verdict.text);

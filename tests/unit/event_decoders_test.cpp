@@ -42,8 +42,8 @@ protected:
     }
 
     EventSession session;
-    Record record;
-    Record address;
+    EventRecord record;
+    EventRecord address;
     Type *event = nullptr;
     std::size_t left = 0;
 };

@@ -528,7 +528,7 @@ TEST(EventAddress, is_read_into_a_record_and_its_result_stored)
     void *ip = nullptr;
     EXPECT_EQ(ber_get_IP(session.ld(), ber.get(), &ip), LDAP_SUCCESS);
     EXPECT_EQ(session.peer.session_code(), LDAP_SUCCESS);
-    EXPECT_EQ(describe_address(Record(ip).get()), trailer_text());
+    EXPECT_EQ(describe_address(EventRecord(ip).get()), trailer_text());
     EXPECT_EQ(unread(ber), 3U);
 }
 

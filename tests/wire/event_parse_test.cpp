@@ -216,7 +216,7 @@ TEST_F(EventMessage, is_released_on_demand)
                                      session.message(notification(1, 2, tag, fields)).release(),
                                      &type, &result, &data, 1, &ip),
               LDAP_SUCCESS);
-    const Record record(data);
+    const EventRecord record(data);
     EXPECT_EQ(ldap_parse_ds_event(session.ld(), session.message(std::string("x")).release(), &type,
                                   &result, &data, 1),
               LDAPX_DECODING_ERROR);
@@ -247,7 +247,7 @@ TEST_F(EventMessage, of_an_update_is_the_same_whatever_its_type)
         const Element ber = element_of(sample.bytes);
         void *data = nullptr, *ip = nullptr;
         ASSERT_EQ(parseUpdateEventData(session.ld(), ber.get(), type, &data, &ip), LDAP_SUCCESS);
-        const Record record(data);
+        const EventRecord record(data);
         EXPECT_EQ(describe(kind, data), sample.text);
     }
 }
@@ -282,11 +282,11 @@ TEST_F(EventTrailer, is_passed_over_where_there_is_no_place_for_it)
     void *data = nullptr;
     EXPECT_EQ(ldap_parse_ds_event(session.ld(), message.get(), &type, &result, &data, 0),
               LDAP_SUCCESS);
-    Record(data).reset();
+    EventRecord(data).reset();
     EXPECT_EQ(
         ldap_parse_ds_event_IP(session.ld(), message.get(), &type, &result, &data, 0, nullptr),
         LDAP_SUCCESS);
-    Record(data).reset();
+    EventRecord(data).reset();
 }
 
 TEST_F(EventTrailer, that_is_damaged_fails_the_event)
@@ -383,12 +383,12 @@ TEST_F(AddressEvent, has_a_decoder_of_its_own_that_leaves_an_empty_address_unrea
     session.set_session_code(77);
     EXPECT_EQ(parseNetAddrEventData(session.ld(), ber.get(), &data), LDAP_SUCCESS);
     EXPECT_EQ(session.peer.session_code(), LDAP_SUCCESS);
-    EXPECT_EQ(describe_address(Record(data).get()), "3 'ab'");
+    EXPECT_EQ(describe_address(EventRecord(data).get()), "3 'ab'");
     EXPECT_EQ(unread(ber), 3U);
 
     ber = element_of(concat(integer(3), octets(""), integer(4)));
     EXPECT_EQ(parseNetAddrEventData(session.ld(), ber.get(), &data), LDAP_SUCCESS);
-    EXPECT_EQ(describe_address(Record(data).get()), "3 ''");
+    EXPECT_EQ(describe_address(EventRecord(data).get()), "3 ''");
     EXPECT_EQ(unread(ber), 5U);
 
     ber = element_of("");
