@@ -163,7 +163,12 @@ public:
     // Sends what has been gathered without waiting for more.
     Result<void> flush();
 
+    // Sends what has been gathered and waits for all outcomes; the load goes on.
+    Result<void> settle();
+
     BulkSummary progress() const;
+    // How the load is cut, after the options and the server's announcement.
+    BulkOptions limits() const;
     // The transaction size that the server announced; 0 or less where it announced none.
     int transaction_size() const;
 
@@ -647,15 +652,16 @@ inline Result<void> BulkLoad::flush()
     return state_->send();
 }
 
+inline Result<void> BulkLoad::settle()
+{
+    if (Result<void> sent = flush(); !sent)
+        return sent;
+    return state_->collect(true);
+}
+
 inline Result<BulkSummary> BulkLoad::finish()
 {
-    if (!state_)
-        return moved_from();
-    if (state_->ended)
-        return *state_->ended;
-    if (Result<void> sent = state_->send(); !sent)
-        return std::move(sent).error();
-    if (Result<void> settled = state_->collect(true); !settled)
+    if (Result<void> settled = settle(); !settled)
         return std::move(settled).error();
 
     LDAP *ld = state_->ld.get();
@@ -684,6 +690,11 @@ inline Result<BulkSummary> BulkLoad::finish()
 inline BulkSummary BulkLoad::progress() const
 {
     return state_ ? state_->summary : BulkSummary();
+}
+
+inline BulkOptions BulkLoad::limits() const
+{
+    return state_ ? state_->limits : BulkOptions();
 }
 
 inline int BulkLoad::transaction_size() const

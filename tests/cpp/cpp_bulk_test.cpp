@@ -312,6 +312,7 @@ TEST(Batches, hold_as_many_updates_as_was_agreed)
         ASSERT_EQ(updates.size(), each.expected);
         for (std::size_t i = 0; i < updates.size(); ++i)
             EXPECT_EQ(updates[i], deletion("cn=" + std::to_string(i)));
+        EXPECT_EQ(loading.load->limits().operations, each.expected);
     }
 }
 
@@ -396,6 +397,30 @@ TEST(Batches, of_which_one_at_least_is_always_under_way)
     Loading loading({.operations = 1, .window = 0});
     ASSERT_TRUE(loading.load->submit(removal("cn=a")));
     EXPECT_EQ(loading.batch(1), std::vector{deletion("cn=a")});
+}
+
+TEST(Batches, can_all_be_waited_for_while_the_load_goes_on)
+{
+    Loading loading({.operations = 2, .window = 4});
+    loading.answer();
+    loading.answer({.code = LDAP_OTHER, .value = failed(1, LDAP_ALREADY_EXISTS, "there")});
+    for (const char *dn : {"cn=a", "cn=b", "cn=c"})
+        ASSERT_TRUE(loading.load->submit(removal(dn)));
+    EXPECT_TRUE(loading.load->settle());
+    EXPECT_EQ(loading.load->progress(), (BulkSummary{3, 3, 1, 2}));
+    EXPECT_EQ(loading.failures, std::vector<string>{"2 #0 cn=c 68 there"});
+
+    // With nothing under way there is nothing to wait for; an answer that is late is awaited again.
+    EXPECT_TRUE(loading.load->settle());
+    ASSERT_TRUE(loading.load->submit(removal("cn=d")));
+    loading.peer.set_timeout(20ms);
+    EXPECT_EQ(loading.load->settle().error().code, LDAP_TIMEOUT);
+    loading.peer.set_timeout(20s);
+    loading.answer();
+    EXPECT_TRUE(loading.load->settle());
+    loading.end();
+    EXPECT_EQ(loading.load->finish().value(), (BulkSummary{4, 4, 1, 3}));
+    EXPECT_EQ(loading.load->settle().error().text, "the load has been finished");
 }
 
 TEST(Batches, come_through_a_long_load)
