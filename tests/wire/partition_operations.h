@@ -87,7 +87,7 @@ inline std::vector<Operation> operations()
     static char dn[] = "o=x";
     static char server[] = "cn=s";
     static char context[] = "o=lost";
-    std::vector<Operation> all;
+    std::vector<::Operation> all;
     all.reserve(flagged.size() + orphan.size() + count.size());
     for (const auto &[name, function, number] : flagged)
         all.push_back({name, administrative(number), administrative(number + 1),
