@@ -1,0 +1,70 @@
+# What the shared library exports, the link map lists, the public headers declare and the manual
+# pages describe is the same set of functions, in headers and pages with the same prototypes; and
+# each has a page under its own name when it is installed.
+#   sh interface.sh libgreirige.so greirige.map cmake BUILD-DIRECTORY
+set -eu
+library=$1 map=$2 cmake=$3 build=$4
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+cd "$scratch"
+failed=0
+
+# same FILE FILE: reports lines that only one of two sorted lists has.
+same() {
+    if ! diff "$1" "$2" >difference; then
+        echo "the $1 (<) and the $2 (>) differ:"
+        grep '^[<>]' difference
+        failed=1
+    fi
+}
+names_of() {
+    sed 's/(.*//; s/.*[ *]//' "$1" | sort
+}
+
+for header in ldapx.h ldap_events.h; do
+    echo "#include <$header>" >source.c
+    "$CC" -std=c11 -E -I "$INCLUDE" source.c | awk -v header=$header -f "$HERE/declarations.awk"
+done | sort >headers
+awk -f "$HERE/manual.awk" "$MANUAL"/*.3 | sort >pages
+same headers pages
+
+"$NM" -D --defined-only "$library" | awk '$2 == "T" { sub(/@.*/, "", $3); print $3 }' |
+    sort >library
+sed -n '/global:/,/local:/s/^ *\([A-Za-z_][A-Za-z0-9_]*\);$/\1/p' "$map" | sort >'link map'
+names_of headers >'names in headers'
+names_of pages >'names in pages'
+[ -s library ]
+same library 'link map'
+same library 'names in headers'
+same library 'names in pages'
+
+# The NAME section is what the page is found by.
+for page in "$MANUAL"/*.3; do
+    awk -f "$HERE/manual.awk" "$page" >promised
+    [ -s promised ] || continue
+    names_of promised >'functions of its synopsis'
+    awk -v names=1 -f "$HERE/manual.awk" "$page" | sort >'names of its NAME section'
+    same 'functions of its synopsis' 'names of its NAME section'
+done
+
+"$cmake" --install "$build" --prefix "$scratch/prefix" --component manual >log || {
+    cat log
+    exit 1
+}
+man3=$(find prefix -type d -name man3)
+while read -r name; do
+    page=$(sed -n 's,^\.so man3/,,p' "$man3/$name.3" 2>/dev/null || true)
+    if [ -z "$page" ] || ! grep -q "^\.F[no] $name\( \|\$\)" "$man3/$page"; then
+        echo "$name: its installed page does not lead to one that describes it"
+        failed=1
+    fi
+done <library
+
+# A code, a type or a constant that a page speaks of is one that a header has.
+cat "$INCLUDE/ldapx.h" "$INCLUDE/ldap_events.h" | tr -cs 'A-Za-z0-9_' '\n' | sort -u >words
+grep -hoE '\b(LDAPX_|LDAP_RT_|EVT_|DB_)[A-Za-z0-9_]+\b' "$MANUAL"/* | sort -u >spoken
+if comm -13 words spoken | grep -vx LDAPX_; then
+    echo "no header has the above, which pages speak of"
+    failed=1
+fi
+exit $failed
