@@ -125,6 +125,15 @@ const WrongUsage wrong_usages[] = {
     {{"filter", "set", "cn=s", "-f", "/does/not/exist"},
      "cannot read \"/does/not/exist\": No such file or directory"},
     {{"name", "from-native", "\xff"}, "name from-native: NAME is not UTF-8: base64:/w=="},
+    {{"load", "/does/not/exist"}, "cannot read \"/does/not/exist\": No such file or directory"},
+    {{"load", "/"}, "cannot read \"/\": Is a directory"},
+    {{"load", "--batch", "0"},
+     "load: --batch: \"0\" is not a number from 1 on (greirige load --help)"},
+    {{"load", "--window", "0"},
+     "load: --window: \"0\" is not a number from 1 on (greirige load --help)"},
+    {{"load", "--batch", "-1"},
+     "load: --batch: \"-1\" is not a number from 1 on (greirige load --help)"},
+    {{"load", "-j", "x"}, "load: --line: \"x\" is not a number from 1 on (greirige load --help)"},
     {{"rights", "o=x", "cn=y"}, "rights: ATTR is missing (greirige rights --help)"},
 };
 
@@ -163,6 +172,7 @@ const std::vector<Arguments> commands{
     {"name", "from-native"},
     {"refresh"},
     {"trigger"},
+    {"load"},
 };
 
 std::string joined(const Arguments &words)
@@ -230,13 +240,18 @@ TEST(Help, of_the_tool_lists_the_groups_the_options_and_the_exit_statuses)
 
 TEST(Help, examples_are_commands_that_the_tool_understands)
 {
+    const TemporaryDirectory directory;
+    std::ofstream(directory.path() + "/people.ldif")
+        << "dn: o=x\no: x\nobjectClass: organization\n";
+    ProcessOptions here = isolated();
+    here.directory = directory.path();
     for (Arguments arguments : commands) {
         arguments.emplace_back("--help");
         const std::string help = greirige(arguments).out;
         const std::size_t begin = help.find("Example:\n  greirige ") + 20;
         const std::string example = help.substr(begin, help.find('\n', begin) - begin);
         const Finished finished =
-            run({"/bin/sh", "-c", "exec \"$0\" -n " + example, command({})[0]}, isolated());
+            run({"/bin/sh", "-c", "exec \"$0\" -n " + example, command({})[0]}, here);
         EXPECT_EQ(finished.status, 0) << example << '\n' << finished.err;
         EXPECT_TRUE(finished.out.starts_with("would ")) << finished.out;
     }
@@ -248,7 +263,11 @@ TEST(Manual, names_every_command_and_every_option)
     const std::string page{std::istreambuf_iterator<char>(file), {}};
     for (const Arguments &words : commands)
         EXPECT_NE(page.find(".It Cm " + joined(words)), std::string::npos) << joined(words);
-    const std::string help = greirige({"--help"}).out;
+    std::string help = greirige({"--help"}).out;
+    for (Arguments arguments : commands) {
+        arguments.emplace_back("--help");
+        help += greirige(arguments).out;
+    }
     int options = 0;
     for (std::size_t at = 0; (at = help.find("--", at)) != std::string::npos; ++options) {
         at += 2;
@@ -336,7 +355,8 @@ TEST(DryRun, of_every_command_sends_nothing)
                                      {"name", "from-dns", "x.example"},
                                      {"name", "from-native", "x"},
                                      {"refresh"},
-                                     {"trigger", "janitor"}};
+                                     {"trigger", "janitor"},
+                                     {"load"}};
     ASSERT_EQ(all.size(), commands.size());
     for (Arguments arguments : all) {
         arguments.insert(arguments.begin(), {"-n", "--json"});

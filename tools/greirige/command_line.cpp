@@ -168,8 +168,9 @@ int CommandLine::run(int argc, char **argv)
     } catch (const Failure &failure) {
         complain(failure.what());
         return static_cast<int>(failure.status);
-    } catch (const Interrupted &) {
-        complain("interrupted: the server may still do what it was asked to");
+    } catch (const Interrupted &interruption) {
+        if (!interruption.reported)
+            complain("interrupted: the server may still do what it was asked to");
         end_by_signal();
     } catch (const std::exception &error) { // no memory, most likely
         complain(error.what());

@@ -11,5 +11,6 @@ void add_sync_commands(CommandLine &line);
 void add_filter_commands(CommandLine &line);
 void add_identity_commands(CommandLine &line);
 void add_trigger_commands(CommandLine &line);
+void add_load_command(CommandLine &line);
 
 } // namespace tool

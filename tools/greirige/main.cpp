@@ -11,5 +11,6 @@ int main(int argc, char **argv)
     tool::add_filter_commands(line);
     tool::add_identity_commands(line);
     tool::add_trigger_commands(line);
+    tool::add_load_command(line);
     return line.run(argc, argv);
 }

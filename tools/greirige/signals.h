@@ -16,7 +16,9 @@ void end_reads_on_signal(int socket);
 void wait_for_input(int file);
 
 // Thrown when a call failed because a signal ended it.
-struct Interrupted {};
+struct Interrupted {
+    bool reported = false; // what that leaves has been told
+};
 void leave_if_interrupted();
 
 // Ends the process the way the signal would have, so that shells and parents can tell.

@@ -49,6 +49,11 @@ public:
     // server.
     static void handle_signals_itself();
 
+    // Nothing is to be sent (-n). For commands that show more of what would be done than begin().
+    bool dry_run() const
+    {
+        return options_.dry_run;
+    }
     // False when nothing is to be sent (-n): what would be done has been shown then. A destructive
     // operation is announced and must be confirmed; a Failure is thrown when it is not.
     bool begin(const Operation &operation);
