@@ -20,6 +20,8 @@ void *__libc_calloc(std::size_t count, std::size_t size);
 void *__libc_realloc(void *block, std::size_t size);
 void *__libc_memalign(std::size_t alignment, std::size_t size);
 void __libc_free(void *block);
+// Writes what coverage has counted, where the program counts it.
+[[gnu::weak]] void __gcov_dump();
 }
 
 namespace {
@@ -244,6 +246,8 @@ struct Report {
     } catch (const std::exception &error) {
         std::strncpy(report.failure, error.what(), sizeof report.failure - 1);
     }
+    if (__gcov_dump != nullptr)
+        __gcov_dump();
     _exit(0);
 }
 

@@ -264,6 +264,8 @@ TEST(RegistrationResponse, with_a_list_that_is_too_short_or_damaged_has_none)
     expect_list(sequence(integer(1), set(sequence())), LDAPX_DECODING_ERROR, {}, false);
     expect_list(sequence(integer(1), set(sequence(octets("large"), enumerated(1)))),
                 LDAPX_DECODING_ERROR, {}, false);
+    expect_list(sequence(integer(2), set(sequence(octets("large"), enumerated(1)), rejected(1, 1))),
+                LDAPX_DECODING_ERROR, {}, false);
     // Five bytes are an unsigned number: these fields are signed.
     expect_list(sequence(integer(1), set(sequence(integer(0x80000000LL), enumerated(1)))),
                 LDAPX_DECODING_ERROR, {}, false);

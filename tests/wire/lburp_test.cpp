@@ -562,6 +562,10 @@ TEST(LburpOperationResponse, without_a_value_may_be_read_without_places_for_the_
     EXPECT_EQ(ldap_parse_lburp_operation_response(collected.ld(), collected.message(), nullptr,
                                                   nullptr, nullptr, nullptr, 0),
               0);
+    Collected other({.name = LDAPX_LBURP_END_RESPONSE});
+    EXPECT_EQ(ldap_parse_lburp_operation_response(other.ld(), other.message(), nullptr, nullptr,
+                                                  nullptr, nullptr, 0),
+              LDAPX_NOT_SUPPORTED);
 }
 
 TEST(LburpOperationResponse, with_an_empty_value_gives_an_empty_array)

@@ -168,8 +168,7 @@ int encode_chunk_table(CallFrame &call, char *chunckSize) noexcept
 // Not the frame's order: the request first, and the response name after the value.
 void release(CallFrame &call) noexcept
 {
-    if (call.requestber != nullptr)
-        ber_free(call.requestber, 1);
+    ber_free(call.requestber, 1); // exists: without it nobody comes here
     if (call.requestbv != nullptr)
         ber_bvfree(call.requestbv);
     close_value(call);
