@@ -109,7 +109,7 @@ struct BulkSummary {
     std::uint64_t submitted = 0; // updates taken over from the caller
     std::uint64_t answered = 0;  // of these, the first so many have had their outcome told
     std::uint64_t failed = 0;    // of these, so many failed
-    std::uint64_t batches = 0;   // sent
+    std::uint64_t batches = 0;   // sent, those included that stand in for refused ones
 
     friend bool operator==(const BulkSummary &, const BulkSummary &) = default;
 };
@@ -180,6 +180,7 @@ private:
     };
     struct Batch {
         int message_id = 0;
+        int sequence = 0;
         std::vector<Operation> operations;
     };
     struct State;
@@ -492,6 +493,32 @@ struct BulkLoad::State {
         return {};
     }
 
+    // Sends a batch, and counts it to those under way.
+    Result<void> request(Batch batch, const std::string &updates, bool first = false)
+    {
+        const detail::Element ber = detail::encode_batch(batch.sequence, updates);
+        berval value{};
+        if (!ber || ber_flatten2(ber.get(), &value, 0) == -1)
+            return lose(LDAPX_NO_MEMORY);
+        detail::forget_earlier(ld.get());
+        const int rc = ldap_extended_operation(ld.get(), LDAPX_LBURP_OPERATION_REQUEST, &value,
+                                               nullptr, nullptr, &batch.message_id);
+        if (rc != LDAP_SUCCESS)
+            return lose(rc);
+        ++summary.batches;
+        under_way.insert(first ? under_way.begin() : under_way.end(), std::move(batch));
+        return {};
+    }
+
+    // A server that refuses a batch as a whole may go on waiting for one with that number, and keep
+    // those after it. An empty one takes its place; what becomes of it does not matter.
+    Result<void> fill_place_of(const Batch &refused)
+    {
+        if (refused.operations.empty())
+            return {};
+        return request({0, refused.sequence, {}}, {}, true);
+    }
+
     // What became of the updates of a batch.
     Result<void> settle(const detail::Answer &answer, const Batch &batch)
     {
@@ -525,9 +552,12 @@ struct BulkLoad::State {
 
         summary.answered += batch.operations.size();
         summary.failed += reports.size();
+        Result<void> filled;
+        if (whole && answer.code != LDAP_OTHER && failed.empty())
+            filled = fill_place_of(batch);
         for (const auto &[operation, update] : reports)
             report(operation, *update);
-        return {};
+        return filled;
     }
 
     void report(const Operation *operation, const detail::FailedUpdate &update) const
@@ -557,18 +587,11 @@ struct BulkLoad::State {
             return room;
         if (next_sequence == std::numeric_limits<int>::max())
             return lose(LDAPX_PARAM_ERROR);
-        const detail::Element ber = detail::encode_batch(next_sequence, gathered);
-        berval value{};
-        if (!ber || ber_flatten2(ber.get(), &value, 0) == -1)
-            return lose(LDAPX_NO_MEMORY);
-        detail::forget_earlier(ld.get());
-        const int rc = ldap_extended_operation(ld.get(), LDAPX_LBURP_OPERATION_REQUEST, &value,
-                                               nullptr, nullptr, &gathering.message_id);
-        if (rc != LDAP_SUCCESS)
-            return lose(rc);
+        gathering.sequence = next_sequence;
+        if (Result<void> sent = request(std::move(gathering), gathered); !sent)
+            return sent;
         ++next_sequence;
-        ++summary.batches;
-        under_way.push_back(std::exchange(gathering, Batch()));
+        gathering = Batch();
         gathered.clear();
         return {};
     }

@@ -515,10 +515,11 @@ TEST(Outcomes, of_a_batch_that_was_refused_are_failures_of_all)
         Loading loading;
         loading.peer.respond(
             {.code = LDAP_BUSY, .name = name, .diagnostic = "come back", .matched_dn = "o=x"});
+        loading.answer();
         loading.end();
         for (std::uint64_t i = 1; i <= 3; ++i)
             EXPECT_TRUE(loading.load->submit(removal("cn=" + std::to_string(i)), 10 * i));
-        EXPECT_EQ(loading.load->finish().value(), (BulkSummary{3, 3, 3, 1}));
+        EXPECT_EQ(loading.load->finish().value(), (BulkSummary{3, 3, 3, 2}));
         EXPECT_EQ(loading.failures, all);
     }
     // With failures of their own among them.
@@ -532,6 +533,27 @@ TEST(Outcomes, of_a_batch_that_was_refused_are_failures_of_all)
     const Answered unknown({.code = LDAP_OTHER, .name = lburp(7), .diagnostic = "some"});
     EXPECT_EQ(unknown.failures(),
               (Failures{"0 #10 cn=1 80 some", "1 #20 cn=2 80 some", "2 #30 cn=3 80 some"}));
+}
+
+TEST(Outcomes, of_a_batch_that_was_refused_do_not_keep_those_after_it_waiting)
+{
+    // The place of the second is filled, whatever the server says to that.
+    for (const int code : {LDAP_SUCCESS, LDAP_OPERATIONS_ERROR}) {
+        Loading loading({.operations = 1, .window = 3});
+        for (const char *dn : {"cn=a", "cn=b", "cn=c"})
+            ASSERT_TRUE(loading.load->submit(removal(dn)));
+        for (int number = 1; number <= 3; ++number)
+            loading.batch(number);
+        loading.answer();
+        loading.answer({.code = LDAP_PROTOCOL_ERROR});
+        loading.answer();               // to the third
+        loading.answer({.code = code}); // to the one that fills the place
+        loading.end();
+        EXPECT_EQ(loading.load->finish().value(), (BulkSummary{3, 3, 1, 4}));
+        EXPECT_EQ(loading.failures, Failures{"1 #0 cn=b 2 "});
+        EXPECT_EQ(loading.batch(2), std::vector<string>());
+        EXPECT_EQ(loading.peer.take_request().value, sequence(integer(4)));
+    }
 }
 
 TEST(Outcomes, without_a_reason_are_failures_all_the_same)
