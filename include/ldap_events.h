@@ -440,7 +440,8 @@ typedef struct EVT_UnknownEventData {
 LDAPX_API int ldap_monitor_events(LDAP *ld, int eventCount, EVT_EventSpecifier *events,
                                   int *msgID) LDAPX_NOEXCEPT;
 
-/* The same with a filter text in each specifier, a third element: OCTET STRING filter.
+/* The same with a filter text in each specifier, a third element: OCTET STRING filter. eventCount,
+ * msgID and the result codes are as above.
  *   events      each filter must not be NULL; this is not checked. */
 LDAPX_API int ldap_monitor_events_filtered(LDAP *ld, int eventCount,
                                            EVT_FilteredEventSpecifier *events,
@@ -499,7 +500,8 @@ LDAPX_API int ldap_parse_monitor_events_response(LDAP *ld, LDAPMessage *eventMes
 LDAPX_API int ldap_parse_ds_event(LDAP *ld, LDAPMessage *eventMessage, int *eventType,
                                   int *eventResult, void **eventData, int freeIt) LDAPX_NOEXCEPT;
 
-/* The same, and hands out the address trailer.
+/* The same, and hands out the address trailer. eventMessage, eventType, eventResult, eventData,
+ * freeIt and the result codes are as above.
  *   pIP  receives the trailer as an EVT_NetAddress, released with ldap_event_free(). Set *pIP to
  *        NULL before the call: it is written only when the event carries a trailer, and is NULL
  *        when the trailer cannot be read. With pIP NULL the trailer is checked and passed over. */
@@ -542,6 +544,7 @@ LDAPX_API void *allocEventData(size_t size, ber_tag_t tag) LDAPX_NOEXCEPT;
  * ldap_parse_ds_event() does all of this; the decoders are for programs that take a message apart
  * themselves.
  *
+ *   ld           receives the result code (LDAP_OPT_RESULT_CODE), nothing else.
  *   responseBer  stands just inside the event's data, right after its tag and length. Afterwards
  *                it stands behind the last element that was read; after a failure, at or inside
  *                the element that could not be read.
@@ -695,12 +698,21 @@ LDAPX_API int parseUnknownOp(LDAP *ld, BerElement *responseBer, void **eventData
 /* ---- Readers --------------------------------------------------------------------------------
  *
  * What the decoders are made of. They have no session and touch no result code, ber_get_IP()
- * apart. Result codes: LDAP_SUCCESS, LDAPX_DECODING_ERROR, LDAPX_NO_MEMORY.
+ * apart. No pointer may be NULL where none is named as allowed.
+ *
+ *   responseBer or ber  stands at the element (X.690). Afterwards it stands behind what was read;
+ *                       after a failure, at or inside the element that could not be read.
+ * Result codes:
+ *   LDAP_SUCCESS          read, or found to be absent where that is allowed
+ *   LDAPX_DECODING_ERROR  an element is missing, cut or not what is expected
+ *   LDAPX_NO_MEMORY       no memory for what was read
  */
 
 /* Reads the address trailer when the next element is an INTEGER (02), as parseNetAddrEventData()
- * does, into *pIP. Returns the session's result code: the trailer's when there is one, else
- * whatever the session holds. */
+ * does.
+ *   pIP  receives the trailer as in ldap_parse_ds_event_IP(); NULL is allowed.
+ * Returns the session's result code: the trailer's when there is one, else whatever the session
+ * holds. */
 LDAPX_API int ber_get_IP(LDAP *ld, BerElement *responseBer, void **pIP) LDAPX_NOEXCEPT;
 
 /* Reads a string of any bytes.
@@ -712,7 +724,7 @@ LDAPX_API int ber_get_IP(LDAP *ld, BerElement *responseBer, void **pIP) LDAPX_NO
 LDAPX_API int parseOctetString(BerElement *responseBer, char **pString, ber_len_t *size,
                                ber_tag_t expectedTag) LDAPX_NOEXCEPT;
 
-/* The same without the size. */
+/* The same without the size: pString and expectedTag as above. */
 LDAPX_API int parseLDAPString(BerElement *responseBer, char **pString,
                               ber_tag_t expectedTag) LDAPX_NOEXCEPT;
 

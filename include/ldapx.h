@@ -413,7 +413,7 @@ LDAPX_API int ldap_get_effective_privileges_list(LDAP *ld, char *subjectDN, char
                                                  char **targetAttrs,
                                                  int *privileges) LDAPX_NOEXCEPT;
 
-/* The same request, safe with any server.
+/* The same request, safe with any server. subjectDN, targetDN and targetAttrs are as above.
  *   privileges  receives at most capacity entries.
  *   capacity    the entries that privileges has room for; 0 or more.
  *   count       receives the number of entries that the server announced, which may be less than

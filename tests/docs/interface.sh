@@ -1,6 +1,6 @@
 # What the shared library exports, the link map lists, the public headers declare and the manual
 # pages describe is the same set of functions, in headers and pages with the same prototypes; and
-# each has a page under its own name when it is installed.
+# each has a page under its own name when it is installed. Headers and pages describe every parameter.
 #   sh interface.sh libgreirige.so greirige.map cmake BUILD-DIRECTORY
 set -eu
 library=$1 map=$2 cmake=$3 build=$4
@@ -59,6 +59,18 @@ while read -r name; do
         failed=1
     fi
 done <library
+
+# Headers and pages say what each parameter is.
+for header in ldapx.h ldap_events.h; do
+    awk -f "$HERE/parameters.awk" "$INCLUDE/$header"
+done >undescribed
+for page in "$MANUAL"/*.3; do
+    awk -v parameters=1 -f "$HERE/manual.awk" "$page"
+done >>undescribed
+if [ -s undescribed ]; then
+    cat undescribed
+    failed=1
+fi
 
 # A code, a type or a constant that a page speaks of is one that a header has.
 cat "$INCLUDE/ldapx.h" "$INCLUDE/ldap_events.h" | tr -cs 'A-Za-z0-9_' '\n' | sort -u >words

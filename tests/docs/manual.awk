@@ -1,6 +1,7 @@
 # The functions that manual pages (mdoc) promise in their SYNOPSIS, in the form of
 # declarations.awk. With -v names=1 the names in their NAME sections instead, with -v examples=1
-# the code in their EXAMPLES sections.
+# the code in their EXAMPLES sections, with -v parameters=1 the parameters that one page promises
+# and no item of a list describes.
 
 FNR == 1 { section = ""; header = ""; literal = 0 }
 /^\.Sh / { section = substr($0, 5) }
@@ -18,6 +19,8 @@ examples && section == "EXAMPLES" {
     if (/^\.Bd -literal/)
         literal = 1
 }
+
+parameters && section != "SYNOPSIS" && /^\.It Fa / { described = described " " $0 }
 
 names || examples || section != "SYNOPSIS" { next }
 /^\.In / { header = $2 }
@@ -44,10 +47,19 @@ function argument(text)
 {
     line = line comma text
     comma = ", "
+    sub(/.*[ *]/, "", text)
+    if (text != "void")
+        promised[text]
 }
 function finish()
 {
-    print line ")"
+    if (!parameters)
+        print line ")"
+}
+END {
+    for (name in promised)
+        if (parameters && (described " ") !~ ("[ *]" name "[ ,]"))
+            print FILENAME ": does not say what " name " is"
 }
 function unquoted(text)
 {
