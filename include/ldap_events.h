@@ -461,7 +461,7 @@ LDAPX_API int ldap_monitor_events_filtered(LDAP *ld, int eventCount,
  * no response name, no value, no count or no SET there is no list, and that is success.
  * Result codes:
  *   LDAP_SUCCESS            the response was read; *resultCode says whether the server agreed
- *   LDAPX_PARAM_ERROR       resultCode is NULL; nothing else was touched
+ *   LDAPX_PARAM_ERROR       resultCode is NULL; nothing but the session was touched
  *   LDAPX_DECODING_ERROR    the response is another operation's; its list is shorter than its
  *                           count says or cannot be read
  *   LDAPX_NO_MEMORY         no memory for the list
@@ -490,7 +490,7 @@ LDAPX_API int ldap_parse_monitor_events_response(LDAP *ld, LDAPMessage *eventMes
  * the other; the lengths of the SEQUENCE and of the event's data bound nothing.
  * Result codes:
  *   LDAP_SUCCESS            the event was read, or its tag is unknown
- *   LDAPX_PARAM_ERROR       eventType or eventResult is NULL; nothing was touched
+ *   LDAPX_PARAM_ERROR       eventType or eventResult is NULL; nothing but the session was touched
  *   LDAPX_DECODING_ERROR    the response is another operation's; its value is not that of an
  *                           event; the event's data or the trailer cannot be read
  *   LDAPX_NO_MEMORY         no memory for the record or something in it; the response has no value

@@ -145,7 +145,8 @@ public:
     // and finish(). What it throws comes out of them, and the load can go on.
     using FailureHandler = std::function<void(const BulkFailure &)>;
 
-    // Asks the server to begin, and waits for its answer. Its refusal is the error.
+    // Asks the server to begin, and waits for its answer. Its refusal is the error;
+    // LDAPX_NOT_SUPPORTED where it does not know bulk updates.
     static Result<BulkLoad> start(Session session, FailureHandler on_failure,
                                   const BulkOptions &options = {});
 

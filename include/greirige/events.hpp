@@ -226,7 +226,7 @@ struct StreamEnd {
 
 // ---- The stream ---------------------------------------------------------------------------------
 
-// A registration for events, and the events as they come.
+// A registration for events, and the events as they come: intermediate responses (RFC 4511, 4.13).
 //
 // A stream keeps a handle of its own on the session's connection: it may outlive the Session and
 // the LDAP * (the connection closes with the last of them). It ends its registration when it is
@@ -292,7 +292,8 @@ public:
     {
         return end_;
     }
-    // Ends the registration. The server is told; what it has still sent is dropped.
+    // Ends the registration. The server is told (an abandon, RFC 4511, 4.11); what it has still
+    // sent is dropped.
     void cancel() noexcept
     {
         if (ld_)

@@ -281,8 +281,9 @@ inline Result<std::vector<FilterClass>> parse_filter(std::string_view text)
 // An open, bound session of the LDAP library, seen from here. A Session owns nothing: whoever made
 // the LDAP * closes it, after the last call through any Session of it. Copy it freely.
 //
-// Every operation blocks until the response has arrived (the session's LDAP_OPT_TIMEOUT bounds the
-// wait) and may be called from several threads on different sessions. Common failures:
+// Every operation is one extended request (RFC 4511, 4.12). It blocks until the response has
+// arrived (the session's LDAP_OPT_TIMEOUT bounds the wait) and may be called from several threads
+// on different sessions. Common failures:
 //
 //   LDAPX_PARAM_ERROR       the session is a null pointer, or a string holds a zero byte, which
 //                           would end it there; nothing was sent
@@ -324,9 +325,12 @@ public:
 
     // ---- Replicas. dn is the root of the partition, server the one whose copy is meant.
 
+    // Puts a replica of this type on a server.
     Result<void> add_replica(std::string_view dn, Server server, ReplicaType type,
                              int flags = 0) const;
+    // Removes a server's replica.
     Result<void> remove_replica(std::string_view dn, Server server, int flags = 0) const;
+    // Gives a server's replica another type.
     Result<void> change_replica_type(std::string_view dn, Server server, ReplicaType type,
                                      int flags = 0) const;
     // What a server knows of its replica.
@@ -365,7 +369,8 @@ public:
     // The DN under which the session is bound, whole. (The C function ldap_get_bind_dn() cuts it
     // after 770 bytes, so the layer puts the question itself, with the same failures.)
     Result<std::string> bind_dn() const;
-    // The rights that the subject effectively has on an attribute of the object dn.
+    // The rights that the subject effectively has on an attribute of the object dn, bits that the
+    // server defines.
     Result<int> effective_privileges(std::string_view dn, Subject subject,
                                      std::string_view attribute) const;
     // The same for a list of attributes, in its order. A server that does not answer with one
@@ -384,6 +389,7 @@ public:
     // ---- Background processes.
 
     // Starts one now instead of on its schedule; it has been accepted when this returns.
+    // LDAPX_PARAM_ERROR for a number that is none of the six.
     Result<void> trigger(BackgroundProcess process) const;
     // Makes the server refresh itself.
     Result<void> refresh_server() const;
