@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +18,7 @@
 #include <numeric>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace sandbox_test;
@@ -188,6 +190,19 @@ TEST(Backup, AChangedEntryIsChangedBackWithEverythingBelowItUntouched)
     EXPECT_EQ(search(admin, dn, "(objectClass=*)").size(), below);
     EXPECT_EQ(restore(admin, dn, copy), LDAP_SUCCESS); // nothing is left to do
     EXPECT_EQ(entry(dn), before);
+}
+
+TEST(Backup, AChangeOfTheSameSecondIsTakenBackWithItsTime)
+{
+    const Session admin = sandbox().admin();
+    for (const char *uid : {"timed1", "timed2", "timed3"}) { // a second may end in between
+        const Copy copy = copy_of(admin, uid);
+        const std::string before = entry(dn_of(uid));
+        ASSERT_EQ(set_title(admin, dn_of(uid), "another"), LDAP_SUCCESS);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1001));
+        EXPECT_EQ(restore(admin, dn_of(uid), copy), LDAP_SUCCESS) << diagnostic(admin);
+        EXPECT_EQ(entry(dn_of(uid)), before);
+    }
 }
 
 TEST(Backup, TheDataHoldsZeroBytesAndItsChunksAddUp)

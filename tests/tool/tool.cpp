@@ -1,6 +1,9 @@
 #include "tool.h"
 
+#include "backup_file.h"
+
 #include <chrono>
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 
@@ -56,6 +59,16 @@ void wait_for_requests(const support::TcpPeer &peer, std::size_t count)
 nlohmann::ordered_json document(const support::Finished &finished)
 {
     return nlohmann::ordered_json::parse(finished.out);
+}
+
+void write_backup(const std::string &path, const std::string &server)
+{
+    tool::BackupFile file;
+    file.dn = "o=x";
+    file.server = server;
+    file.time = "2026-11-21T00:22:30Z";
+    file.backup.state = "1+1";
+    std::ofstream(path) << tool::format_backup(file);
 }
 
 } // namespace tool_test

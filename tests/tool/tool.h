@@ -54,4 +54,7 @@ void wait_for_requests(const support::TcpPeer &peer, std::size_t count);
 // The one JSON document that the output must be.
 nlohmann::ordered_json document(const support::Finished &finished);
 
+// Writes a backup of an object of this server, for commands that read one.
+void write_backup(const std::string &path, const std::string &server);
+
 } // namespace tool_test

@@ -173,6 +173,8 @@ const std::vector<Arguments> commands{
     {"refresh"},
     {"trigger"},
     {"load"},
+    {"backup"},
+    {"restore"},
 };
 
 std::string joined(const Arguments &words)
@@ -212,6 +214,8 @@ TEST(Help, of_the_tool_lists_the_groups_the_options_and_the_exit_statuses)
           "name ",
           "refresh ",
           "trigger ",
+          "backup ",
+          "restore ",
           "-H,--uri",
           "-x,--simple",
           "-D,--bind-dn",
@@ -243,6 +247,7 @@ TEST(Help, examples_are_commands_that_the_tool_understands)
     const TemporaryDirectory directory;
     std::ofstream(directory.path() + "/people.ldif")
         << "dn: o=x\no: x\nobjectClass: organization\n";
+    write_backup(directory.path() + "/yesterday.backup", "ldap://localhost");
     ProcessOptions here = isolated();
     here.directory = directory.path();
     for (Arguments arguments : commands) {
@@ -333,6 +338,9 @@ TEST(DryRun, says_what_would_be_done_and_sends_nothing)
 TEST(DryRun, of_every_command_sends_nothing)
 {
     const TcpPeer peer;
+    const TemporaryDirectory directory;
+    const std::string backup = directory.path() + "/it.backup";
+    write_backup(backup, peer.uri());
     const std::vector<Arguments> all{{"partition", "split", "o=x"},
                                      {"partition", "merge", "o=x"},
                                      {"partition", "abort", "o=x"},
@@ -356,7 +364,9 @@ TEST(DryRun, of_every_command_sends_nothing)
                                      {"name", "from-native", "x"},
                                      {"refresh"},
                                      {"trigger", "janitor"},
-                                     {"load"}};
+                                     {"load"},
+                                     {"backup", "o=x", "-o", directory.path() + "/new"},
+                                     {"restore", backup}};
     ASSERT_EQ(all.size(), commands.size());
     for (Arguments arguments : all) {
         arguments.insert(arguments.begin(), {"-n", "--json"});

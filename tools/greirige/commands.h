@@ -12,5 +12,6 @@ void add_filter_commands(CommandLine &line);
 void add_identity_commands(CommandLine &line);
 void add_trigger_commands(CommandLine &line);
 void add_load_command(CommandLine &line);
+void add_backup_commands(CommandLine &line);
 
 } // namespace tool

@@ -12,5 +12,6 @@ int main(int argc, char **argv)
     tool::add_identity_commands(line);
     tool::add_trigger_commands(line);
     tool::add_load_command(line);
+    tool::add_backup_commands(line);
     return line.run(argc, argv);
 }

@@ -25,6 +25,10 @@ public:
     // NUL-terminated; valid until the next change.
     const char *text() const;
     berval value() const;
+    std::string_view view() const
+    {
+        return {text(), size_};
+    }
     bool empty() const
     {
         return size_ == 0;

@@ -1,5 +1,6 @@
 #include "session.h"
 
+#include <cerrno>
 #include <vector>
 
 #include <sys/socket.h>
@@ -200,6 +201,13 @@ LDAP *Session::ld()
 {
     open();
     return ld_.get();
+}
+
+bool Session::connected() const
+{
+    char byte = 0;
+    const ssize_t got = recv(socket_, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    return got > 0 || (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK));
 }
 
 void Session::open()

@@ -29,6 +29,9 @@ public:
         return server_;
     }
 
+    // False once the server has closed the connection.
+    bool connected() const;
+
 private:
     struct Unbind {
         void operator()(LDAP *ld) const

@@ -53,6 +53,10 @@ public:
     {
         return in_;
     }
+    bool silent() const
+    {
+        return silent_;
+    }
 
 private:
     int terminal_;
@@ -77,13 +81,18 @@ bool read_line(int file, Append append)
     }
 }
 
-Secret ask(const std::string &question, bool hidden)
+struct Answer {
+    Secret text;
+    bool unseen = false;
+};
+
+Answer ask(const std::string &question, bool hidden, const std::string &instead)
 {
     const Prompt prompt(question, hidden);
-    Secret answer;
-    if (!read_line(prompt.input(), [&](char byte) { answer.append(byte); }))
-        throw Failure(ExitStatus::cannot_connect,
-                      "no password was given: the input ended (-y FILE reads it from a file)");
+    Answer answer{.text = {}, .unseen = prompt.silent()};
+    if (!read_line(prompt.input(), [&](char byte) { answer.text.append(byte); }))
+        throw Failure(ExitStatus::cannot_connect, "no password was given: the input ended (" +
+                                                      instead + " reads it from a file)");
     return answer;
 }
 
@@ -102,14 +111,22 @@ bool confirm(const std::string &question)
     return answered && (answer.starts_with('y') || answer.starts_with('Y'));
 }
 
-Secret read_password(const std::string &prompt)
+Secret read_password(const std::string &prompt, const std::string &instead)
 {
-    return ask(prompt, true);
+    return ask(prompt, true, instead).text;
 }
 
 Secret read_answer(const std::string &prompt)
 {
-    return ask(prompt, false);
+    return ask(prompt, false, "-y FILE").text;
+}
+
+Secret read_new_password(const std::string &prompt, const std::string &instead)
+{
+    Answer first = ask(prompt, true, instead);
+    if (first.unseen && ask("The same again: ", true, instead).text.view() != first.text.view())
+        throw UsageError("the two passwords differ");
+    return std::move(first.text);
 }
 
 } // namespace tool

@@ -14,8 +14,11 @@ bool somebody_is_there();
 bool confirm(const std::string &question);
 
 // Asks on the terminal, wherever input and output go; where there is no terminal, on standard
-// error and standard input. A password is not shown while it is typed.
-Secret read_password(const std::string &prompt);
+// error and standard input. A password is not shown while it is typed. `instead` is the option
+// that a Failure names when the input ends.
+Secret read_password(const std::string &prompt, const std::string &instead = "-y FILE");
 Secret read_answer(const std::string &prompt);
+// Asks a second time where the password cannot be seen: it must be the same.
+Secret read_new_password(const std::string &prompt, const std::string &instead);
 
 } // namespace tool

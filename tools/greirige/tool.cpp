@@ -27,6 +27,11 @@ const std::string &Tool::server() const
     return session_->server();
 }
 
+bool Tool::connected() const
+{
+    return session_->connected();
+}
+
 void Tool::handle_signals_itself()
 {
     end_reads_on_signal(-1);

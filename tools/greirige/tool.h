@@ -43,6 +43,7 @@ public:
     greirige::Session session();
     LDAP *ld();
     const std::string &server() const;
+    bool connected() const;
 
     // For commands that wait with ldap_result() themselves (after ld()), at most a second at a
     // time, and look at interrupted() in between: a signal no longer ends what can be read from the

@@ -18,6 +18,9 @@ namespace {
 constexpr std::array<std::string_view, 5> computed = {
     "entryDN", "subschemaSubentry", "hasSubordinates", "structuralObjectClass", "entryCSN"};
 
+// What slapd notes of every change, unless the change itself says otherwise.
+constexpr std::array<std::string_view, 2> noted = {"modifiersName", "modifyTimestamp"};
+
 struct Marks {
     std::int64_t mts = 1;
     std::int64_t revision = 1;
@@ -91,22 +94,26 @@ Entry without_computed(Entry entry)
     return entry;
 }
 
-// The changes that make one entry out of the other; empty when there are none.
+// The changes that make one entry out of the other; empty when there are none. What slapd notes is
+// among them even where both say the same: the change itself is noted too.
 std::string changes_between(const Entry &now, const Entry &then)
 {
     const auto replace = [](const std::string &name, const std::vector<std::string> &values) {
         return ber::sequence(ber::enumerated(LDAP_MOD_REPLACE), attribute_element(name, values));
     };
     std::string changes;
+    std::string notes;
     for (const Attribute &attribute : then.attributes) {
         const Attribute *present = find_attribute(now, attribute.name);
         if (present == nullptr || present->values != attribute.values)
             changes += replace(attribute.name, attribute.values);
+        else if (std::find(noted.begin(), noted.end(), attribute.name) != noted.end())
+            notes += replace(attribute.name, attribute.values);
     }
     for (const Attribute &attribute : now.attributes)
         if (find_attribute(then, attribute.name) == nullptr)
             changes += replace(attribute.name, {});
-    return changes;
+    return changes.empty() ? changes : changes + notes;
 }
 
 // With all rights, though monitors shall know which client asked for it.
