@@ -321,6 +321,8 @@ private:
     {
         contents_ = {};
         tag_ = ber_peek_element(ber_.get(), &contents_);
+        if (tag_ == none)
+            contents_ = {}; // what a cut element claims to hold is not there
     }
     std::uint32_t bits(std::string_view bytes) noexcept
     {
