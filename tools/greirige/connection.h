@@ -34,6 +34,10 @@ struct ConnectionOptions {
 
     std::vector<std::string> library_options; // -o
     std::vector<std::string> extensions;      // -e
+
+    // What is asked for on the terminal, or read from the password's file, becomes the value of its
+    // option, so that a later session of the same command need not ask again.
+    bool keep_answers = false;
 };
 
 void add_connection_options(CLI::App &app, ConnectionOptions &options);

@@ -32,6 +32,22 @@ public:
     ExitStatus status;
 };
 
+// No connection, no encryption or no bind.
+class ConnectFailure : public Failure {
+public:
+    ConnectFailure(const std::string &message, bool no_use_to_repeat)
+        : Failure(ExitStatus::cannot_connect, message), final(no_use_to_repeat)
+    {
+    }
+    bool final; // the server has judged who asks, and would judge the same again
+};
+
+// Nobody reads the output any more: the other end of the pipe is closed.
+class ReaderGone : public Failure {
+public:
+    ReaderGone() : Failure(ExitStatus::failed, "cannot write the output: Broken pipe") {}
+};
+
 class UsageError : public Failure {
 public:
     explicit UsageError(const std::string &message) : Failure(ExitStatus::wrong_usage, message) {}

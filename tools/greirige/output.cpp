@@ -4,7 +4,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include <poll.h>
+
 #include "error.h"
+#include "signals.h"
 #include "text.h"
 
 namespace tool {
@@ -76,12 +79,23 @@ void Output::fields(const std::vector<std::pair<std::string, std::string>> &fiel
         line(std::string(label).append(padding(width, label)).append("  ").append(value));
 }
 
+bool Output::reader_is_gone() const
+{
+    pollfd output{.fd = fileno(stream_), .events = 0, .revents = 0};
+    return poll(&output, 1, 0) == 1 && (output.revents & (POLLERR | POLLHUP)) != 0;
+}
+
 void Output::write(std::string_view text)
 {
-    if (std::fwrite(text.data(), 1, text.size(), stream_) != text.size() ||
-        std::fflush(stream_) != 0)
-        throw Failure(ExitStatus::failed,
-                      std::string("cannot write the output: ") + std::strerror(errno));
+    if (std::fwrite(text.data(), 1, text.size(), stream_) == text.size() &&
+        std::fflush(stream_) == 0)
+        return;
+    const int error = errno;
+    leave_if_interrupted();
+    if (error == EPIPE)
+        throw ReaderGone();
+    throw Failure(ExitStatus::failed,
+                  std::string("cannot write the output: ") + std::strerror(error));
 }
 
 } // namespace tool

@@ -41,6 +41,9 @@ public:
     // "label  value" lines, the values aligned.
     void fields(const std::vector<std::pair<std::string, std::string>> &fields);
 
+    // The other end of the pipe that it goes to is closed.
+    bool reader_is_gone() const;
+
 private:
     void write(std::string_view text);
 

@@ -68,6 +68,33 @@ void SaslAnswers::rethrow() const
         std::rethrow_exception(thrown_);
 }
 
+void SaslAnswers::keep_in(ConnectionOptions &options)
+{
+    for (auto &[question, answer] : typed_) {
+        if (answer.empty()) // what was known already
+            continue;
+        switch (question) {
+        case SASL_CB_GETREALM:
+            options.realm = answer.text();
+            break;
+        case SASL_CB_AUTHNAME:
+            options.authentication_id = answer.text();
+            break;
+        case SASL_CB_USER:
+            options.authorization_id = answer.text();
+            break;
+        case SASL_CB_PASS:
+            options.password = std::move(answer);
+            break;
+        default: // an answer to a challenge is good for once
+            break;
+        }
+    }
+    typed_.clear();
+    options.sasl_interactive = false;
+    options.sasl_quiet = true;
+}
+
 int SaslAnswers::answer(unsigned flags, struct sasl_interact &question)
 {
     const char *known = question.defresult;
@@ -110,8 +137,9 @@ int SaslAnswers::answer(unsigned flags, struct sasl_interact &question)
         prompt += std::string(" [") + known + ']';
     prompt += ": ";
     hidden = hidden || question.id == SASL_CB_NOECHOPROMPT;
-    typed_.push_back(hidden ? read_password(prompt) : read_answer(prompt));
-    return use(typed_.back().empty() ? known : typed_.back().text());
+    typed_.push_back({question.id, hidden ? read_password(prompt) : read_answer(prompt)});
+    const Secret &typed = typed_.back().answer;
+    return use(typed.empty() ? known : typed.text());
 }
 
 } // namespace tool

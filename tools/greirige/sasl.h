@@ -24,6 +24,8 @@ public:
     static int interact(LDAP *ld, unsigned flags, void *answers, void *questions);
     // What a question to the person threw, once the bind that asked it is over.
     void rethrow() const;
+    // Once the bind is over: moves what was typed to the options, which never ask again then.
+    void keep_in(ConnectionOptions &options);
 
 private:
     int answer(unsigned flags, struct sasl_interact &question);
@@ -35,7 +37,11 @@ private:
     const Secret &password_;
     unsigned flags_;
     std::exception_ptr thrown_;
-    std::vector<Secret> typed_; // the mechanism keeps pointers to them until the bind is over
+    struct Typed {
+        unsigned long question;
+        Secret answer;
+    };
+    std::vector<Typed> typed_; // the mechanism keeps pointers to them until the bind is over
 };
 
 } // namespace tool

@@ -34,15 +34,24 @@ void set_default_timeout(int option, int seconds)
     ldap_memfree(set);
 }
 
-[[noreturn]] void fail(const std::string &message)
+[[noreturn]] void fail(const std::string &message, bool final = false)
 {
     leave_if_interrupted();
-    throw Failure(ExitStatus::cannot_connect, message);
+    throw ConnectFailure(message, final);
 }
 
 std::string with_hint(const std::string &text, const std::string &hint)
 {
     return hint.empty() ? text : text + " (" + hint + ')';
+}
+
+// The server has refused a bind for what it knows of the client, and not for what ails itself.
+bool judges_the_client(int code)
+{
+    return code == LDAP_AUTH_METHOD_NOT_SUPPORTED || code == LDAP_STRONG_AUTH_REQUIRED ||
+           code == LDAP_CONFIDENTIALITY_REQUIRED || code == LDAP_NO_SUCH_OBJECT ||
+           code == LDAP_INVALID_DN_SYNTAX || code == LDAP_INAPPROPRIATE_AUTH ||
+           code == LDAP_INVALID_CREDENTIALS || code == LDAP_INSUFFICIENT_ACCESS;
 }
 
 const Cause handshake_timeout{"the TLS handshake is not answered",
@@ -223,7 +232,23 @@ void Session::open()
     if (options_.ask_password)
         secret = read_password("Enter LDAP Password: ");
     bind(secret);
+    if (options_.keep_answers) {
+        if (!secret.empty())
+            options_.password = std::move(secret);
+        options_.ask_password = false;
+        options_.password_file.clear();
+    }
     ldap_set_option(ld_.get(), LDAP_OPT_SERVER_CONTROLS, controls_->for_operations());
+}
+
+void Session::limit_waits(long seconds)
+{
+    const timeval limit{.tv_sec = seconds, .tv_usec = 0};
+    for (const int option : {LDAP_OPT_NETWORK_TIMEOUT, LDAP_OPT_TIMEOUT}) {
+        const long set = seconds_of(ld_.get(), option);
+        if (set < 0 || set > seconds)
+            ldap_set_option(ld_.get(), option, &limit);
+    }
 }
 
 int Session::on_connect(LDAP *, Sockbuf *buffer, LDAPURLDesc *server, sockaddr *,
@@ -322,7 +347,7 @@ void Session::bind(const Secret &password)
         why += "; no password was given: -W asks for one";
     if (!options_.simple && !connection_is_lost(code))
         why += "; this was a SASL bind: -x binds by name and password";
-    fail("cannot bind to " + server_ + who + ": " + why);
+    fail("cannot bind to " + server_ + who + ": " + why, judges_the_client(code));
 }
 
 int Session::bind_simple(const Secret &password)
@@ -359,6 +384,8 @@ int Session::bind_sasl(const Secret &password)
             ld_.get(), dn, answers.mechanism(), controls_->for_bind(), nullptr, answers.flags(),
             SaslAnswers::interact, &answers, response, &chosen, &id);
         if (code != LDAP_SASL_BIND_IN_PROGRESS) {
+            if (code == LDAP_SUCCESS && options_.keep_answers)
+                answers.keep_in(options_);
             if (response != nullptr && code == LDAP_SUCCESS)
                 return take_bind_response(response);
             ldap_msgfree(response);

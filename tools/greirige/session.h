@@ -17,8 +17,11 @@ public:
     // Prepares the session and checks the options; sends nothing.
     Session(ConnectionOptions &options, bool verbose);
 
-    // Connects, encrypts and binds, once. Throws a Failure with the status cannot_connect.
+    // Connects, encrypts and binds, once. Throws a ConnectFailure.
     void open();
+
+    // Before it is open: no wait for the server, as far as the options bound it, takes longer.
+    void limit_waits(long seconds);
 
     // The session for the library's functions: connected and bound on first use.
     LDAP *ld();

@@ -44,6 +44,22 @@ void set_timer(long seconds)
     setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
+// Until there is something to read, one of our signals comes, or the time is over.
+void wait_for(int file, const timespec *limit)
+{
+    // Blocked, a signal cannot come between the look at the flag and the wait.
+    sigset_t ours;
+    sigset_t before;
+    sigemptyset(&ours);
+    for (const int number : ending_signals)
+        sigaddset(&ours, number);
+    sigprocmask(SIG_BLOCK, &ours, &before);
+    pollfd input{.fd = file, .events = POLLIN, .revents = 0};
+    while (!interrupted() && ppoll(&input, 1, limit, &before) < 0 && errno == EINTR)
+        ;
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+}
+
 } // namespace
 
 void catch_signals()
@@ -76,18 +92,16 @@ void end_reads_on_signal(int socket)
 
 void wait_for_input(int file)
 {
-    // Blocked, a signal cannot come between the look at the flag and the wait.
-    sigset_t ours;
-    sigset_t before;
-    sigemptyset(&ours);
-    for (const int number : ending_signals)
-        sigaddset(&ours, number);
-    sigprocmask(SIG_BLOCK, &ours, &before);
-    pollfd input{.fd = file, .events = POLLIN, .revents = 0};
-    while (!interrupted() && ppoll(&input, 1, nullptr, &before) < 0 && errno == EINTR)
-        ;
-    sigprocmask(SIG_SETMASK, &before, nullptr);
+    wait_for(file, nullptr);
     leave_if_interrupted();
+}
+
+void pause_for(std::chrono::milliseconds time)
+{
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+    const timespec limit{.tv_sec = seconds.count(),
+                         .tv_nsec = std::chrono::nanoseconds(time - seconds).count()};
+    wait_for(-1, &limit);
 }
 
 void leave_if_interrupted()

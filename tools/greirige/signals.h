@@ -1,6 +1,8 @@
 // Signals and time limits that end a wait for the server.
 #pragma once
 
+#include <chrono>
+
 namespace tool {
 
 // SIGINT, SIGTERM and SIGHUP no longer end the process at once: they end the wait for the server,
@@ -14,6 +16,9 @@ void end_reads_on_signal(int socket);
 
 // Waits until there is something to read. Misses no signal; throws Interrupted when one comes.
 void wait_for_input(int file);
+
+// Waits so long, or less when one of the signals above comes. Misses none.
+void pause_for(std::chrono::milliseconds time);
 
 // Thrown when a call failed because a signal ended it.
 struct Interrupted {

@@ -32,6 +32,19 @@ bool Tool::connected() const
     return session_->connected();
 }
 
+void Tool::prepare_to_reconnect()
+{
+    options_.connection.keep_answers = true;
+}
+
+void Tool::reconnect(long seconds)
+{
+    session_.reset();
+    session_ = std::make_unique<Session>(options_.connection, options_.verbose);
+    session_->limit_waits(seconds);
+    session_->open();
+}
+
 void Tool::handle_signals_itself()
 {
     end_reads_on_signal(-1);

@@ -45,6 +45,12 @@ public:
     const std::string &server() const;
     bool connected() const;
 
+    // Before the first use of the session: it can be made anew later.
+    void prepare_to_reconnect();
+    // Connects, encrypts and binds again, with the same answers to what was asked at first, waiting
+    // no longer for anything than so many seconds. Throws a ConnectFailure.
+    void reconnect(long seconds);
+
     // For commands that wait with ldap_result() themselves (after ld()), at most a second at a
     // time, and look at interrupted() in between: a signal no longer ends what can be read from the
     // server.
