@@ -134,6 +134,27 @@ const WrongUsage wrong_usages[] = {
     {{"load", "--batch", "-1"},
      "load: --batch: \"-1\" is not a number from 1 on (greirige load --help)"},
     {{"load", "-j", "x"}, "load: --line: \"x\" is not a number from 1 on (greirige load --help)"},
+    {{"watch", "adds"},
+     "watch: TYPE[:STATUS]: \"adds\" is not TYPE or TYPE:STATUS, the server's numbers, such as 1 "
+     "or 1:2 (greirige watch --help)"},
+    {{"watch", "1", "2:"},
+     "watch: TYPE[:STATUS]: \"2:\" is not TYPE or TYPE:STATUS, the server's numbers, such as 1 or "
+     "1:2 (greirige watch --help)"},
+    {{"watch", "1:2:3"},
+     "watch: TYPE[:STATUS]: \"1:2:3\" is not TYPE or TYPE:STATUS, the server's numbers, such as 1 "
+     "or 1:2 (greirige watch --help)"},
+    {{"watch", "2147483648"},
+     "watch: TYPE[:STATUS]: \"2147483648\" is not TYPE or TYPE:STATUS, the server's numbers, such "
+     "as 1 or 1:2 (greirige watch --help)"},
+    {{"watch", "--count", "0"}, "watch: --count: \"0\" is not above 0 (greirige watch --help)"},
+    {{"watch", "--count", "few"},
+     "watch: --count: \"few\" is not a number that fits (greirige watch --help)"},
+    {{"watch", "--timeout", "-1"},
+     "watch: --timeout: \"-1\" is not above 0 (greirige watch --help)"},
+    {{"watch", "--timeout", "soon"},
+     "watch: --timeout: \"soon\" is not a number that fits (greirige watch --help)"},
+    {{"watch", "--filter", "\xff"},
+     "watch: --filter: is not UTF-8: base64:/w== (greirige watch --help)"},
     {{"rights", "o=x", "cn=y"}, "rights: ATTR is missing (greirige rights --help)"},
 };
 
@@ -175,6 +196,7 @@ const std::vector<Arguments> commands{
     {"load"},
     {"backup"},
     {"restore"},
+    {"watch"},
 };
 
 std::string joined(const Arguments &words)
@@ -216,6 +238,7 @@ TEST(Help, of_the_tool_lists_the_groups_the_options_and_the_exit_statuses)
           "trigger ",
           "backup ",
           "restore ",
+          "watch ",
           "-H,--uri",
           "-x,--simple",
           "-D,--bind-dn",
@@ -366,7 +389,8 @@ TEST(DryRun, of_every_command_sends_nothing)
                                      {"trigger", "janitor"},
                                      {"load"},
                                      {"backup", "o=x", "-o", directory.path() + "/new"},
-                                     {"restore", backup}};
+                                     {"restore", backup},
+                                     {"watch"}};
     ASSERT_EQ(all.size(), commands.size());
     for (Arguments arguments : all) {
         arguments.insert(arguments.begin(), {"-n", "--json"});

@@ -13,5 +13,6 @@ void add_identity_commands(CommandLine &line);
 void add_trigger_commands(CommandLine &line);
 void add_load_command(CommandLine &line);
 void add_backup_commands(CommandLine &line);
+void add_watch_command(CommandLine &line);
 
 } // namespace tool

@@ -13,5 +13,6 @@ int main(int argc, char **argv)
     tool::add_trigger_commands(line);
     tool::add_load_command(line);
     tool::add_backup_commands(line);
+    tool::add_watch_command(line);
     return line.run(argc, argv);
 }

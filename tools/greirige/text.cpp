@@ -3,6 +3,7 @@
 #include <array>
 #include <clocale>
 #include <cstdint>
+#include <cstdio>
 #include <cwchar>
 
 namespace tool {
@@ -75,6 +76,45 @@ std::optional<std::u32string> decode_utf8(std::string_view bytes)
     return characters;
 }
 
+bool is_utf8(std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const bool ascii = static_cast<unsigned char>(bytes[0]) < 0x80;
+        if (ascii)
+            bytes.remove_prefix(1);
+        else if (!take_character(bytes))
+            return false;
+    }
+    return true;
+}
+
+bool append_json_string(std::string &json, std::string_view bytes)
+{
+    const std::size_t begin = json.size();
+    json += '"';
+    while (!bytes.empty()) {
+        const std::string_view before = bytes;
+        const auto character = take_character(bytes);
+        if (!character) {
+            json.resize(begin);
+            return false;
+        }
+        if (*character == '"' || *character == '\\') {
+            json += '\\';
+            json += before[0];
+        } else if (moves_the_cursor(*character)) {
+            std::array<char, 8> escape{};
+            std::snprintf(escape.data(), escape.size(), "\\u%04x",
+                          static_cast<unsigned>(*character));
+            json += escape.data();
+        } else {
+            json += before.substr(0, before.size() - bytes.size());
+        }
+    }
+    json += '"';
+    return true;
+}
+
 std::string base64(std::string_view bytes)
 {
     std::string text;
@@ -136,6 +176,18 @@ std::string printable(std::string_view bytes)
 std::string in_quotes(std::string_view bytes)
 {
     return '"' + printable(bytes) + '"';
+}
+
+void append_quoted(std::string &line, std::string_view bytes)
+{
+    const std::string text = printable(bytes);
+    line += '"';
+    for (const char c : text)
+        if (c == '"')
+            line += "\\22";
+        else
+            line += c;
+    line += '"';
 }
 
 std::size_t columns(std::string_view text)

@@ -11,6 +11,11 @@ namespace tool {
 // The characters of a UTF-8 text; nothing when the bytes are not UTF-8 (RFC 3629).
 std::optional<std::u32string> decode_utf8(std::string_view bytes);
 
+bool is_utf8(std::string_view bytes);
+
+// Appends a UTF-8 text as a string of JSON; false and nothing when the bytes are not UTF-8.
+bool append_json_string(std::string &json, std::string_view bytes);
+
 std::string base64(std::string_view bytes);
 std::optional<std::string> decode_base64(std::string_view text);
 
@@ -21,6 +26,9 @@ std::string printable(std::string_view bytes);
 
 // printable() between double quotes, for messages.
 std::string in_quotes(std::string_view bytes);
+
+// The same where such texts stand side by side: quotes in the text are escaped too.
+void append_quoted(std::string &line, std::string_view bytes);
 
 // How many columns of a terminal a printable() text takes.
 std::size_t columns(std::string_view text);
