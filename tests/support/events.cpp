@@ -697,8 +697,31 @@ public:
 
     std::string trailer()
     {
-        if (tag() != 0x02)
-            return "none";
+        return tag() == 0x02 ? address() : "none";
+    }
+
+    ber_tag_t tag()
+    {
+        ber_len_t ignored = 0;
+        return ber_peek_tag(ber_.get(), &ignored);
+    }
+    // "{" and "[": whatever comes. ber_scanf crashes where there are no bytes at all.
+    void open()
+    {
+        if (tag() == LBER_ERROR || ber_scanf(ber_.get(), "{") == LBER_ERROR)
+            malformed();
+    }
+    int number()
+    {
+        ber_int_t value = 0;
+        if (ber_scanf(ber_.get(), "i", &value) == LBER_ERROR)
+            malformed();
+        return value;
+    }
+
+    // An empty address is not passed over.
+    std::string address()
+    {
         const unsigned type = natural();
         if (tag() != 0x04)
             malformed();
@@ -720,29 +743,11 @@ private:
         }
     };
 
-    ber_tag_t tag()
-    {
-        ber_len_t ignored = 0;
-        return ber_peek_tag(ber_.get(), &ignored);
-    }
     ber_len_t length()
     {
         ber_len_t length = 0;
         ber_peek_tag(ber_.get(), &length);
         return length;
-    }
-    // "{" and "[": whatever comes. ber_scanf crashes where there are no bytes at all.
-    void open()
-    {
-        if (tag() == LBER_ERROR || ber_scanf(ber_.get(), "{") == LBER_ERROR)
-            malformed();
-    }
-    int number()
-    {
-        ber_int_t value = 0;
-        if (ber_scanf(ber_.get(), "i", &value) == LBER_ERROR)
-            malformed();
-        return value;
     }
     unsigned natural()
     {
@@ -1075,6 +1080,58 @@ Verdict expected_verdict(const EventKind &kind, std::string_view bytes, bool ass
     } catch (const Stop &stop) {
         return {stop.code, stop.assertion, stop.code == 0 ? verdict.text : Text(), "none", 0};
     }
+}
+
+std::ostream &operator<<(std::ostream &out, const MessageVerdict &verdict)
+{
+    out << "code " << verdict.code << ", type " << verdict.type << ", result " << verdict.result
+        << ", tag " << verdict.tag;
+    for (const std::string &line : verdict.text)
+        out << "\n  " << line;
+    return out << "\n  trailer: " << verdict.trailer << "\n";
+}
+
+MessageVerdict expected_message(std::string_view value)
+{
+    MessageVerdict verdict;
+    const auto &kinds = event_kinds();
+    try {
+        Rules rules(value, false);
+        rules.open();
+        verdict.type = rules.number();
+        verdict.result = rules.number();
+
+        const ber_tag_t tag = rules.tag();
+        const auto kind = std::find_if(kinds.begin(), kinds.end(),
+                                       [tag](const EventKind &one) { return one.tag == tag; });
+        if (kind == kinds.end() && tag != EVT_TAG_NET_ADDRESS)
+            return verdict;
+        rules.open();
+        Text text;
+        if (tag == EVT_TAG_NET_ADDRESS)
+            text.push_back(rules.address());
+        else
+            for (const Field &field : kind->fields)
+                text.push_back(field.name + ": " + rules.field(field));
+        verdict.trailer = rules.trailer();
+        verdict.tag = tag;
+        verdict.text = text;
+    } catch (const Stop &stop) {
+        verdict.code = stop.code;
+    }
+    return verdict;
+}
+
+MessageVerdict seen_message(int code, int type, int result, const void *record, const void *address)
+{
+    MessageVerdict verdict{code, type, result, 0, {}, describe_address(address)};
+    if (record != nullptr) {
+        verdict.tag = static_cast<const ber_tag_t *>(record)[-1];
+        verdict.text = verdict.tag == EVT_TAG_NET_ADDRESS
+                           ? Text{describe_address(record)}
+                           : describe(event_kind(verdict.tag), record);
+    }
+    return verdict;
 }
 
 std::string notification(int type, int result, ber_tag_t tag, std::string_view fields,

@@ -115,6 +115,25 @@ std::ostream &operator<<(std::ostream &out, const Verdict &verdict);
 // By the rules; asserting: with assertions in the build.
 Verdict expected_verdict(const EventKind &kind, std::string_view bytes, bool asserting);
 
+// What becomes of the whole value of an event message. The type and the result stay as they are
+// where they cannot be read.
+struct MessageVerdict {
+    int code = 0;
+    int type = -99;
+    int result = -99;
+    ber_tag_t tag = 0; // of the record; 0 where there is none
+    Text text{};       // the record
+    std::string trailer = "none";
+
+    bool operator==(const MessageVerdict &) const = default;
+};
+std::ostream &operator<<(std::ostream &out, const MessageVerdict &verdict);
+
+// By the rules, of a library without assertions; and what a call has handed out.
+MessageVerdict expected_message(std::string_view value);
+MessageVerdict seen_message(int code, int type, int result, const void *record,
+                            const void *address);
+
 // The whole value of an event message: SEQUENCE { type, result, tag { fields }, trailer }.
 std::string notification(int type, int result, ber_tag_t tag, std::string_view fields,
                          std::string_view trailer = {});

@@ -1,5 +1,6 @@
 #include "memory.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -43,15 +44,17 @@ struct Counter {
     long kept;
     Live *live;
     std::size_t used, room;
+    std::size_t largest;
 };
 thread_local Counter counter;
 
 // Counts one request for memory. False: it must fail.
-bool granted()
+bool granted(std::size_t size)
 {
     if (!counter.recording)
         return true;
     counter.allocations++;
+    counter.largest = std::max(counter.largest, size);
     bool fails = counter.mode != support::Fail::never && counter.allocations >= counter.nth &&
                  (counter.mode == support::Fail::from_then_on || !counter.struck);
     if (fails) {
@@ -95,17 +98,17 @@ extern "C" {
 
 void *malloc(std::size_t size) noexcept
 {
-    return granted() ? noted(__libc_malloc(size), size) : nullptr;
+    return granted(size) ? noted(__libc_malloc(size), size) : nullptr;
 }
 
 void *calloc(std::size_t count, std::size_t size) noexcept
 {
-    return granted() ? noted(__libc_calloc(count, size), count * size) : nullptr;
+    return granted(count * size) ? noted(__libc_calloc(count, size), count * size) : nullptr;
 }
 
 void *realloc(void *block, std::size_t size) noexcept
 {
-    if (!granted())
+    if (!granted(size))
         return nullptr;
     void *moved = __libc_realloc(block, size);
     if (moved != nullptr || size == 0)
@@ -121,7 +124,7 @@ void free(void *block) noexcept
 
 void *memalign(std::size_t alignment, std::size_t size) noexcept
 {
-    return granted() ? noted(__libc_memalign(alignment, size), size) : nullptr;
+    return granted(size) ? noted(__libc_memalign(alignment, size), size) : nullptr;
 }
 
 void *aligned_alloc(std::size_t alignment, std::size_t size) noexcept
@@ -168,7 +171,7 @@ Measurement::Measurement(Fail mode, std::size_t nth)
 {
     if (counter.active)
         throw std::logic_error("one measurement inside another");
-    counter = {true, true, mode, nth, false, 0, 0, counter.live, 0, counter.room};
+    counter = {true, true, mode, nth, false, 0, 0, counter.live, 0, counter.room, 0};
 }
 
 Measurement::~Measurement()
@@ -189,7 +192,7 @@ void Measurement::only_releases()
 Usage Measurement::stop()
 {
     counter.active = counter.recording = false;
-    Usage usage{counter.allocations, counter.kept, {}, counter.struck};
+    Usage usage{counter.allocations, counter.kept, {}, counter.struck, counter.largest};
     for (std::size_t i = 0; i < counter.used; i++)
         usage.blocks.push_back({counter.live[i].number, counter.live[i].size});
     return usage;

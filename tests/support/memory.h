@@ -44,6 +44,7 @@ struct Usage {
     long kept = 0;
     std::vector<Block> blocks; // allocated in the measured piece and not released in it
     bool struck = false;       // the planned failure has happened
+    std::size_t largest = 0;   // block that was asked for
     std::string describe() const;
 };
 
