@@ -17,71 +17,13 @@
 #include <iostream>
 #include <sstream>
 
-#include "ldapx.h"
 #include "text.h"
 
 namespace tool {
 
 namespace {
 
-struct FilteredClass {
-    std::string name;
-    std::vector<std::string> attributes;
-};
-using Filter = std::vector<FilteredClass>;
-
-std::string flat_text(const Filter &filter)
-{
-    std::string text;
-    for (const FilteredClass &one : filter) {
-        text += one.name + '$';
-        for (const std::string &attribute : one.attributes)
-            text += attribute + '$';
-        text += '$';
-    }
-    return text + '$';
-}
-
-// What is wrong with a flat text; whose fault it is depends on where it comes from.
-struct FilterFault {
-    std::string text;
-};
-
-Filter parse_flat(const std::string &text)
-{
-    std::size_t at = 0;
-    const auto next_name = [&] { // empty at a closing sign, which it consumes
-        const std::size_t end = text.find('$', at);
-        if (end == std::string::npos && at == text.size())
-            throw FilterFault{in_quotes(text) + " ends too early: a $ is missing at its end"};
-        if (end == std::string::npos)
-            throw FilterFault{in_quotes(text) + ": the name " + in_quotes(text.substr(at)) +
-                              " is not closed by $"};
-        std::string name = text.substr(at, end - at);
-        at = end + 1;
-        return name;
-    };
-    Filter filter;
-    for (std::string name = next_name(); !name.empty(); name = next_name()) {
-        FilteredClass one{.name = name, .attributes = {}};
-        for (std::string attribute = next_name(); !attribute.empty(); attribute = next_name())
-            one.attributes.push_back(attribute);
-        filter.push_back(one);
-    }
-    if (at != text.size())
-        throw FilterFault{in_quotes(text) +
-                          " goes on after its end: " + in_quotes(text.substr(at))};
-    return filter;
-}
-
-Filter parse_given_flat(const std::string &text)
-{
-    try {
-        return parse_flat(text);
-    } catch (const FilterFault &fault) {
-        throw UsageError("filter set: " + fault.text);
-    }
-}
+using Filter = std::vector<greirige::FilterClass>;
 
 std::string escaped(const std::string &name, bool starts_line)
 {
@@ -126,7 +68,7 @@ std::string unescaped(const std::string &word)
 std::vector<std::string> lines_of(const Filter &filter)
 {
     std::vector<std::string> lines;
-    for (const FilteredClass &one : filter) {
+    for (const greirige::FilterClass &one : filter) {
         std::string line = escaped(one.name, true);
         for (const std::string &attribute : one.attributes)
             line += ' ' + escaped(attribute, false);
@@ -143,7 +85,7 @@ Filter parse_lines(const std::vector<std::string> &lines)
         std::string word;
         if (!(words >> word) || word.starts_with('#'))
             continue;
-        FilteredClass one{.name = unescaped(word), .attributes = {}};
+        greirige::FilterClass one{.name = unescaped(word), .attributes = {}};
         while (words >> word)
             one.attributes.push_back(unescaped(word));
         filter.push_back(one);
@@ -153,10 +95,18 @@ Filter parse_lines(const std::vector<std::string> &lines)
     return filter;
 }
 
+Filter parse_flat(const std::string &text)
+{
+    auto filter = greirige::parse_filter(text);
+    if (!filter)
+        throw UsageError("filter set: " + in_quotes(text) + ": " + filter.error().text);
+    return *std::move(filter);
+}
+
 Json classes_of(const Filter &filter)
 {
     Json classes = Json::array();
-    for (const FilteredClass &one : filter) {
+    for (const greirige::FilterClass &one : filter) {
         Json attributes = Json::array();
         for (const std::string &attribute : one.attributes)
             attributes.push_back(json_text(attribute));
@@ -181,33 +131,21 @@ ExitStatus get_filter(Tool &tool, const Arguments &arguments)
                               .details = {{"serverDN", json_text(arguments.server)}}};
     if (!tool.begin(operation))
         return ExitStatus::done;
-    char *filter = nullptr;
-    const int code = ldap_get_replication_filter(tool.ld(), arguments.server.c_str(), &filter);
-    const std::string text = filter != nullptr ? filter : "";
-    ldapx_memfree(filter); // allocated on some failures too
-    tool.check(operation, code);
-
-    if (arguments.raw && !tool.output.json()) {
+    const std::string text = tool.value(
+        operation, tool.session().replication_filter_text(greirige::Server(arguments.server)));
+    const Filter classes = greirige::parse_filter(text).value(); // as the layer promises
+    if (tool.output.json()) {
+        Json json = tool.document(operation);
+        json["filter"] = json_text(text);
+        json["classes"] = classes_of(classes);
+        tool.output.document(json);
+    } else if (arguments.raw) {
         tool.output.line(text);
-        return ExitStatus::done;
-    }
-    try {
-        const Filter classes = parse_flat(text);
-        if (tool.output.json()) {
-            Json json = tool.document(operation);
-            json["filter"] = json_text(text);
-            json["classes"] = classes_of(classes);
-            tool.output.document(json);
-        } else {
-            for (const std::string &line : lines_of(classes))
-                tool.output.line(line);
-            if (classes.empty())
-                complain(in_quotes(arguments.server) + " has a filter without classes");
-        }
-    } catch (const FilterFault &fault) {
-        throw Failure(ExitStatus::failed, "cannot show the replication filter of " +
-                                              in_quotes(arguments.server) + " on " + tool.server() +
-                                              ": " + fault.text + " (--raw shows it as it came)");
+    } else {
+        for (const std::string &line : lines_of(classes))
+            tool.output.line(line);
+        if (classes.empty())
+            complain(in_quotes(arguments.server) + " has a filter without classes");
     }
     return ExitStatus::done;
 }
@@ -239,8 +177,8 @@ ExitStatus set_filter(Tool &tool, const Arguments &arguments)
     const std::vector<std::string> lines = given_lines(arguments);
     if (arguments.raw && lines.size() != 1)
         throw UsageError("filter set --raw: the filter is one text");
-    const Filter filter = arguments.raw ? parse_given_flat(lines[0]) : parse_lines(lines);
-    const std::string text = flat_text(filter);
+    const Filter filter = arguments.raw ? parse_flat(lines[0]) : parse_lines(lines);
+    const std::string text = greirige::format_filter(filter).value(); // every name was looked at
     return tool.carry_out(
         {.name = "filter set",
          .doing = "set the replication filter of " + in_quotes(arguments.server) + " to " +
@@ -250,8 +188,8 @@ ExitStatus set_filter(Tool &tool, const Arguments &arguments)
          .details = {{"serverDN", json_text(arguments.server)},
                      {"filter", json_text(text)},
                      {"classes", classes_of(filter)}}},
-        [&](LDAP *ld) {
-            return ldap_set_replication_filter(ld, arguments.server.c_str(), text.c_str());
+        [&](greirige::Session session) {
+            return session.set_replication_filter(greirige::Server(arguments.server), filter);
         });
 }
 

@@ -2,20 +2,11 @@
 
 #include "commands.h"
 
-#include "ldapx.h"
 #include "text.h"
 
 namespace tool {
 
 namespace {
-
-// Takes over a string that the library allocated.
-std::string take(char *text)
-{
-    std::string taken = text != nullptr ? text : "";
-    ldapx_memfree(text);
-    return taken;
-}
 
 ExitStatus show_identity(Tool &tool)
 {
@@ -23,22 +14,13 @@ ExitStatus show_identity(Tool &tool)
         .name = "whoami", .doing = "ask for the identity of the session", .done = {}};
     if (!tool.begin(operation))
         return ExitStatus::done;
-    char *identity = nullptr;
-    tool.check(operation, ldap_get_bind_dn(tool.ld(), &identity));
-    const std::string dn = take(identity);
-    // The library hands over no more of a DN that is longer than 771 bytes.
-    constexpr std::size_t cut = 770;
-    const bool maybe_cut = dn.size() == cut;
+    const std::string dn = tool.value(operation, tool.session().bind_dn());
     if (tool.output.json()) {
         Json json = tool.document(operation);
         json["identity"] = json_text(dn);
-        if (maybe_cut)
-            json["mayBeCut"] = true;
         tool.output.document(json);
     } else {
         tool.output.line(dn.empty() ? "anonymous" : printable(dn));
-        if (maybe_cut)
-            complain("warning: the identity may go on after these 770 bytes");
     }
     return ExitStatus::done;
 }
@@ -49,62 +31,44 @@ struct Rights {
     std::vector<std::string> attributes;
 };
 
-ExitStatus show_rights(Tool &tool, Rights &rights)
+ExitStatus show_rights(Tool &tool, const Rights &asked)
 {
-    std::vector<std::string> &attributes = rights.attributes;
-    Json asked = Json::array();
-    for (const std::string &attribute : attributes)
-        asked.push_back(json_text(attribute));
+    Json attributes = Json::array();
+    for (const std::string &attribute : asked.attributes)
+        attributes.push_back(json_text(attribute));
     const Operation operation{.name = "rights",
-                              .doing = "ask for the rights of " + in_quotes(rights.subject) +
-                                       " on " + in_quotes(rights.dn),
+                              .doing = "ask for the rights of " + in_quotes(asked.subject) +
+                                       " on " + in_quotes(asked.dn),
                               .done = {},
-                              .details = {{"dn", json_text(rights.dn)},
-                                          {"subject", json_text(rights.subject)},
-                                          {"attributes", asked}}};
+                              .details = {{"dn", json_text(asked.dn)},
+                                          {"subject", json_text(asked.subject)},
+                                          {"attributes", attributes}}};
     if (!tool.begin(operation))
         return ExitStatus::done;
-    std::vector<char *> names;
-    names.reserve(attributes.size() + 1);
-    for (std::string &attribute : attributes)
-        names.push_back(attribute.data());
-    names.push_back(nullptr);
-    std::vector<int> privileges(attributes.size());
-    int announced = 0;
-    tool.check(operation, ldap_get_effective_privileges_list_ext(
-                              tool.ld(), rights.subject.data(), rights.dn.data(), names.data(),
-                              privileges.data(), static_cast<int>(privileges.size()), &announced));
+    const std::vector<greirige::AttributeRights> rights =
+        tool.value(operation, tool.session().effective_privileges_list(
+                                  asked.dn, greirige::Subject(asked.subject), asked.attributes));
 
-    // The answers come without names, in the order of the question.
-    const std::size_t answered = announced > 0 ? static_cast<std::size_t>(announced) : 0;
     Json json = tool.document(operation);
     Json &list = json["rights"] = Json::array();
     std::vector<Row> rows;
-    for (std::size_t at = 0; at < attributes.size(); ++at) {
-        const bool known = at < answered;
-        list.push_back({{"attribute", json_text(attributes[at])},
-                        {"privileges", known ? Json(privileges[at]) : Json(nullptr)}});
-        rows.push_back({known ? std::to_string(privileges[at]) : "-", printable(attributes[at])});
+    for (const auto &[attribute, privileges] : rights) {
+        list.push_back({{"attribute", json_text(attribute)}, {"privileges", privileges}});
+        rows.push_back({std::to_string(privileges), printable(attribute)});
     }
     if (tool.output.json())
         tool.output.document(json);
     else
         tool.output.table({{"RIGHTS", true}, {"ATTRIBUTE"}}, rows);
-    if (answered == attributes.size())
-        return ExitStatus::done;
-    complain(tool.server() + " answered for " + std::to_string(announced) + " of " +
-             counted(static_cast<long>(attributes.size()), "attribute"));
-    return answered == 0 ? ExitStatus::failed : ExitStatus::done_in_part;
+    return ExitStatus::done;
 }
 
 ExitStatus convert(Tool &tool, const Operation &operation,
-                   const std::function<int(LDAP *, char **)> &call)
+                   const std::function<greirige::Result<std::string>(greirige::Session)> &call)
 {
     if (!tool.begin(operation))
         return ExitStatus::done;
-    char *converted = nullptr;
-    tool.check(operation, call(tool.ld(), &converted));
-    const std::string dn = take(converted);
+    const std::string dn = tool.value(operation, call(tool.session()));
     if (tool.output.json()) {
         Json json = tool.document(operation);
         json["dn"] = json_text(dn);
@@ -115,44 +79,43 @@ ExitStatus convert(Tool &tool, const Operation &operation,
     return ExitStatus::done;
 }
 
-ExitStatus convert_dns(Tool &tool, std::string &name)
+ExitStatus convert_dns(Tool &tool, const std::string &name)
 {
     const Operation operation{.name = "name from-dns",
                               .doing = "convert the DNS name " + in_quotes(name),
                               .done = {},
                               .details = {{"name", json_text(name)}}};
     return convert(tool, operation,
-                   [&](LDAP *ld, char **dn) { return ldap_dns_to_x500_dn(ld, name.data(), dn); });
+                   [&](greirige::Session session) { return session.dn_from_dns(name); });
 }
 
-// The 16-bit units of a UTF-8 name, ended by a zero unit.
-std::vector<unsigned short> native_units(const std::string &name)
+// The 16-bit units of a UTF-8 name.
+std::u16string native_units(const std::string &name)
 {
     const auto characters = decode_utf8(name);
     if (!characters)
         throw UsageError("name from-native: NAME is not UTF-8: " + printable(name));
-    std::vector<unsigned short> units;
+    std::u16string units;
     for (char32_t character : *characters) {
         if (character >= 0x10000) { // a surrogate pair
             character -= 0x10000;
-            units.push_back(static_cast<unsigned short>(0xd800 + (character >> 10)));
+            units += static_cast<char16_t>(0xd800 + (character >> 10));
             character = 0xdc00 + (character & 0x3ff);
         }
-        units.push_back(static_cast<unsigned short>(character));
+        units += static_cast<char16_t>(character);
     }
-    units.push_back(0);
     return units;
 }
 
 ExitStatus convert_native(Tool &tool, const std::string &name)
 {
-    std::vector<unsigned short> units = native_units(name);
+    const std::u16string units = native_units(name);
     const Operation operation{.name = "name from-native",
                               .doing = "convert the native name " + in_quotes(name),
                               .done = {},
                               .details = {{"name", json_text(name)}}};
     return convert(tool, operation,
-                   [&](LDAP *ld, char **dn) { return ldap_zil_to_ldap(ld, units.data(), dn); });
+                   [&](greirige::Session session) { return session.dn_from_native(units); });
 }
 
 void add_names(CommandLine &line)
@@ -196,7 +159,7 @@ void add_identity_commands(CommandLine &line)
     line.command("refresh", "Make the server refresh itself", "greirige refresh", [](Tool &tool) {
         return tool.carry_out(
             {.name = "refresh", .doing = "start a refresh", .done = "the server refreshes itself"},
-            ldap_refresh_server);
+            [](greirige::Session session) { return session.refresh_server(); });
     });
 }
 

@@ -2,30 +2,20 @@
 
 #include "commands.h"
 
-#include <algorithm>
-
-#include "ldapx.h"
 #include "text.h"
 
 namespace tool {
 
 namespace {
 
-// The names of the types, in the order of their numbers.
 const std::vector<std::string> type_names{"master", "secondary",    "read-only",
                                           "subref", "sparse-write", "sparse-read"};
 
-LDAP_REPLICA_TYPE type_of(const std::string &name)
+// Servers may know types that have no name.
+std::string name_of(greirige::ReplicaType type)
 {
-    const auto found = std::find(type_names.begin(), type_names.end(), name);
-    return static_cast<LDAP_REPLICA_TYPE>(found - type_names.begin());
-}
-
-// Servers may know types that have no name here.
-std::string name_of(int type)
-{
-    return type >= 0 && type < LDAP_RT_COUNT ? type_names[static_cast<std::size_t>(type)]
-                                             : "type " + std::to_string(type);
+    const bool known = greirige::replica_type(to_string(type)).has_value();
+    return known ? std::string(to_string(type)) : "type " + std::to_string(static_cast<int>(type));
 }
 
 struct Arguments {
@@ -34,6 +24,14 @@ struct Arguments {
     std::string type;
     int flags = 0;
 
+    greirige::Server holder() const
+    {
+        return greirige::Server(server);
+    }
+    greirige::ReplicaType replica_type() const
+    {
+        return greirige::replica_type(type).value(); // a name that is checked already
+    }
     std::string replica() const
     {
         return "replica of " + in_quotes(dn) + " held by " + in_quotes(server);
@@ -74,9 +72,9 @@ void add_add(CommandLine &line, CLI::App &group)
                  .done = printable(arguments->server) + " holds a " + arguments->type +
                          " replica of " + printable(arguments->dn),
                  .details = arguments->details()},
-                [&](LDAP *ld) {
-                    return ldap_add_replica(ld, arguments->dn.data(), arguments->server.data(),
-                                            type_of(arguments->type), arguments->flags);
+                [&](greirige::Session session) {
+                    return session.add_replica(arguments->dn, arguments->holder(),
+                                               arguments->replica_type(), arguments->flags);
                 });
         });
     add_dn_and_server(command, *arguments);
@@ -98,10 +96,9 @@ void add_remove(CommandLine &line, CLI::App &group)
                                            printable(arguments->dn) + " any more",
                                    .details = arguments->details(),
                                    .destructive = true},
-                                  [&](LDAP *ld) {
-                                      return ldap_remove_replica(ld, arguments->dn.data(),
-                                                                 arguments->server.data(),
-                                                                 arguments->flags);
+                                  [&](greirige::Session session) {
+                                      return session.remove_replica(
+                                          arguments->dn, arguments->holder(), arguments->flags);
                                   });
         });
     add_dn_and_server(command, *arguments);
@@ -116,24 +113,24 @@ void add_retype(CommandLine &line, CLI::App &group)
         "greirige replica retype ou=people,dc=example,dc=com "
         "cn=server2,ou=servers,dc=example,dc=com master",
         [arguments](Tool &tool) {
-            return tool.carry_out({.name = "replica retype",
-                                   .doing = "change the type of the " + arguments->replica() +
-                                            " to " + arguments->type,
-                                   .done = "the replica of " + printable(arguments->dn) + " on " +
-                                           printable(arguments->server) + " is " + arguments->type,
-                                   .details = arguments->details()},
-                                  [&](LDAP *ld) {
-                                      return ldap_change_replica_type(
-                                          ld, arguments->dn.data(), arguments->server.data(),
-                                          type_of(arguments->type), arguments->flags);
-                                  });
+            return tool.carry_out(
+                {.name = "replica retype",
+                 .doing =
+                     "change the type of the " + arguments->replica() + " to " + arguments->type,
+                 .done = "the replica of " + printable(arguments->dn) + " on " +
+                         printable(arguments->server) + " is " + arguments->type,
+                 .details = arguments->details()},
+                [&](greirige::Session session) {
+                    return session.change_replica_type(arguments->dn, arguments->holder(),
+                                                       arguments->replica_type(), arguments->flags);
+                });
         });
     add_dn_and_server(command, *arguments);
     add_type(command, *arguments);
     add_flags(command, arguments->flags);
 }
 
-ExitStatus show_info(Tool &tool, Arguments &arguments)
+ExitStatus show_info(Tool &tool, const Arguments &arguments)
 {
     const Operation operation{
         .name = "replica info",
@@ -142,39 +139,35 @@ ExitStatus show_info(Tool &tool, Arguments &arguments)
         .details = {{"dn", json_text(arguments.dn)}, {"serverDN", json_text(arguments.server)}}};
     if (!tool.begin(operation))
         return ExitStatus::done;
-    LDAPReplicaInfo info = {};
-    char *whole_dn = nullptr;
-    tool.check(operation, ldap_get_replica_info_ext(tool.ld(), arguments.dn.data(),
-                                                    arguments.server.data(), &info, &whole_dn));
-    const std::string partition = whole_dn != nullptr ? whole_dn : "";
-    ldapx_memfree(whole_dn);
+    const greirige::ReplicaInfo info =
+        tool.value(operation, tool.session().replica_info(arguments.dn, arguments.holder()));
 
     if (tool.output.json()) {
         Json json = tool.document(operation);
-        json["partition"] = json_text(partition);
-        json["type"] = name_of(info.replicaType);
-        json["replicaType"] = static_cast<int>(info.replicaType);
+        json["partition"] = json_text(info.partition_dn);
+        json["type"] = name_of(info.type);
+        json["replicaType"] = static_cast<int>(info.type);
         json["state"] = info.state;
         json["flags"] = info.flags;
-        json["rootID"] = info.rootID;
-        json["localReplicaID"] = info.localReplicaID;
-        json["modificationTime"] = info.modificationTime;
-        json["purgeTime"] = info.purgeTime;
+        json["rootID"] = info.root_id;
+        json["localReplicaID"] = info.local_replica_id;
+        json["modificationTime"] = info.modification_time;
+        json["purgeTime"] = info.purge_time;
         tool.output.document(json);
     } else {
-        tool.output.fields({{"partition", printable(partition)},
-                            {"type", name_of(info.replicaType)},
+        tool.output.fields({{"partition", printable(info.partition_dn)},
+                            {"type", name_of(info.type)},
                             {"state", std::to_string(info.state)},
                             {"flags", std::to_string(info.flags)},
-                            {"root entry", std::to_string(info.rootID)},
-                            {"replica number", std::to_string(info.localReplicaID)},
-                            {"modification time", std::to_string(info.modificationTime)},
-                            {"purge time", std::to_string(info.purgeTime)}});
+                            {"root entry", std::to_string(info.root_id)},
+                            {"replica number", std::to_string(info.local_replica_id)},
+                            {"modification time", std::to_string(info.modification_time)},
+                            {"purge time", std::to_string(info.purge_time)}});
     }
     return ExitStatus::done;
 }
 
-ExitStatus show_list(Tool &tool, std::string &server)
+ExitStatus show_list(Tool &tool, const std::string &server)
 {
     const Operation operation{.name = "replica list",
                               .doing = "list the replicas on " + in_quotes(server),
@@ -182,12 +175,8 @@ ExitStatus show_list(Tool &tool, std::string &server)
                               .details = {{"serverDN", json_text(server)}}};
     if (!tool.begin(operation))
         return ExitStatus::done;
-    char **list = nullptr;
-    tool.check(operation, ldap_list_replicas(tool.ld(), server.data(), &list));
-    std::vector<std::string> names;
-    for (char **name = list; name != nullptr && *name != nullptr; ++name)
-        names.emplace_back(*name);
-    ber_memvfree(reinterpret_cast<void **>(list));
+    const std::vector<std::string> names =
+        tool.value(operation, tool.session().list_replicas(greirige::Server(server)));
 
     if (tool.output.json()) {
         Json json = tool.document(operation);

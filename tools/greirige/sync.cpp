@@ -2,7 +2,8 @@
 
 #include "commands.h"
 
-#include "ldapx.h"
+#include <optional>
+
 #include "text.h"
 
 namespace tool {
@@ -15,6 +16,11 @@ struct Arguments {
     std::string from; // empty: not given
     int delay = 0;
 };
+
+std::optional<greirige::Origin> origin(const std::string &server)
+{
+    return server.empty() ? std::nullopt : std::optional(greirige::Origin(server));
+}
 
 void add_delay(CLI::App &command, Arguments &arguments)
 {
@@ -29,9 +35,9 @@ void add_receive(CommandLine &line, CLI::App &group)
         group, "receive", "Make a server receive all updates of a partition",
         "greirige sync receive ou=people,dc=example,dc=com cn=server2,ou=servers,dc=example,dc=com",
         [arguments](Tool &tool) {
-            std::string &dn = arguments->dn;
-            std::string &server = arguments->server;
-            std::string &from = arguments->from;
+            const std::string &dn = arguments->dn;
+            const std::string &server = arguments->server;
+            const std::string &from = arguments->from;
 
             Json details{{"dn", json_text(dn)}, {"toServerDN", json_text(server)}};
             if (!from.empty())
@@ -42,9 +48,8 @@ void add_receive(CommandLine &line, CLI::App &group)
                           (from.empty() ? "" : " from " + in_quotes(from)),
                  .done = printable(server) + " receives all updates of " + printable(dn),
                  .details = details},
-                [&](LDAP *ld) {
-                    return ldap_receive_all_updates(ld, dn.data(), server.data(),
-                                                    from.empty() ? nullptr : from.data());
+                [&](greirige::Session session) {
+                    return session.receive_all_updates(dn, greirige::Server(server), origin(from));
                 });
         });
     add_dn(command, "DN", arguments->dn, "The root of the partition");
@@ -59,8 +64,8 @@ void add_send(CommandLine &line, CLI::App &group)
         group, "send", "Make a server send all its updates of a partition",
         "greirige sync send dc=example,dc=com cn=server1,ou=servers,dc=example,dc=com",
         [arguments](Tool &tool) {
-            std::string &dn = arguments->dn;
-            std::string &server = arguments->server;
+            const std::string &dn = arguments->dn;
+            const std::string &server = arguments->server;
 
             Json details{{"dn", json_text(dn)}};
             if (!server.empty())
@@ -71,9 +76,8 @@ void add_send(CommandLine &line, CLI::App &group)
                                    .done = (server.empty() ? "the server" : printable(server)) +
                                            " sends all updates of " + printable(dn),
                                    .details = details},
-                                  [&](LDAP *ld) {
-                                      return ldap_send_all_updates(
-                                          ld, dn.data(), server.empty() ? nullptr : server.data());
+                                  [&](greirige::Session session) {
+                                      return session.send_all_updates(dn, origin(server));
                                   });
         });
     add_dn(command, "DN", arguments->dn, "The root of the partition");
@@ -88,8 +92,8 @@ void add_partition(CommandLine &line, CLI::App &group)
         group, "partition", "Make a server synchronise a partition",
         "greirige sync partition dc=example,dc=com cn=server1,ou=servers,dc=example,dc=com",
         [arguments](Tool &tool) {
-            std::string &dn = arguments->dn;
-            std::string &server = arguments->server;
+            const std::string &dn = arguments->dn;
+            const std::string &server = arguments->server;
 
             return tool.carry_out(
                 {.name = "sync partition",
@@ -98,9 +102,9 @@ void add_partition(CommandLine &line, CLI::App &group)
                  .details = {{"dn", json_text(dn)},
                              {"serverDN", json_text(server)},
                              {"delay", arguments->delay}}},
-                [&](LDAP *ld) {
-                    return ldap_request_partition_sync(ld, server.data(), dn.data(),
-                                                       arguments->delay);
+                [&](greirige::Session session) {
+                    return session.request_partition_sync(dn, greirige::Server(server),
+                                                          arguments->delay);
                 });
         });
     add_dn(command, "DN", arguments->dn, "The root of the partition");
@@ -111,20 +115,19 @@ void add_partition(CommandLine &line, CLI::App &group)
 void add_schema(CommandLine &line, CLI::App &group)
 {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App &command =
-        line.command(group, "schema", "Make the server synchronise the schema",
-                     "greirige sync schema dc=example,dc=com", [arguments](Tool &tool) {
-                         std::string &dn = arguments->dn;
+    CLI::App &command = line.command(
+        group, "schema", "Make the server synchronise the schema",
+        "greirige sync schema dc=example,dc=com", [arguments](Tool &tool) {
+            const std::string &dn = arguments->dn;
 
-                         return tool.carry_out(
-                             {.name = "sync schema",
-                              .doing = "synchronise the schema of " + in_quotes(dn),
-                              .done = "the schema of " + printable(dn) + " is synchronised",
-                              .details = {{"dn", json_text(dn)}, {"delay", arguments->delay}}},
-                             [&](LDAP *ld) {
-                                 return ldap_request_schema_sync(ld, dn.data(), arguments->delay);
-                             });
-                     });
+            return tool.carry_out({.name = "sync schema",
+                                   .doing = "synchronise the schema of " + in_quotes(dn),
+                                   .done = "the schema of " + printable(dn) + " is synchronised",
+                                   .details = {{"dn", json_text(dn)}, {"delay", arguments->delay}}},
+                                  [&](greirige::Session session) {
+                                      return session.request_schema_sync(dn, arguments->delay);
+                                  });
+        });
     add_dn(command, "DN", arguments->dn, "A DN that the server interprets");
     add_delay(command, *arguments);
 }

@@ -79,12 +79,6 @@ void Tool::get_consent(const Operation &operation) const
         throw Failure(ExitStatus::failed, operation.name + " was not confirmed: nothing was sent");
 }
 
-void Tool::check(const Operation &operation, int code)
-{
-    if (code != LDAP_SUCCESS)
-        fail(operation, describe(last_failure(ld(), code)));
-}
-
 void Tool::check(const Operation &operation, const greirige::Result<void> &result)
 {
     if (!result)
@@ -95,15 +89,6 @@ void Tool::fail(const Operation &operation, const std::string &why)
 {
     leave_if_interrupted();
     throw Failure(ExitStatus::failed, "cannot " + operation.doing + " on " + server() + ": " + why);
-}
-
-ExitStatus Tool::carry_out(const Operation &operation, const std::function<int(LDAP *)> &call)
-{
-    return carry_out(operation, [&](greirige::Session session) -> greirige::Result<void> {
-        const int code = call(session.handle());
-        check(operation, code);
-        return {};
-    });
 }
 
 ExitStatus Tool::carry_out(const Operation &operation, const Call &call)

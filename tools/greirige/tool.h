@@ -65,8 +65,7 @@ public:
     // operation is announced and must be confirmed; a Failure is thrown when it is not.
     bool begin(const Operation &operation);
 
-    // Throws the Failure that belongs to a result code other than success, or to an Error.
-    void check(const Operation &operation, int code);
+    // Throws the Failure that belongs to an Error.
     void check(const Operation &operation, const greirige::Result<void> &result);
     // The value of a result; throws the Failure that belongs to its Error.
     template <class T>
@@ -80,7 +79,6 @@ public:
     // For operations that only succeed or fail: begins, calls, checks, and reports.
     using Call = std::function<greirige::Result<void>(greirige::Session)>;
     ExitStatus carry_out(const Operation &operation, const Call &call);
-    ExitStatus carry_out(const Operation &operation, const std::function<int(LDAP *)> &call);
 
     // The beginning of the operation's JSON document: its name, the server, its details.
     Json document(const Operation &operation) const;
