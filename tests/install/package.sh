@@ -1,5 +1,6 @@
 # An installed copy serves programs: built with pkg-config, with find_package in C and in C++,
-# shared, static and through the C++ layer, from a directory that was moved after the installation.
+# shared, static and through the C++ layer, and the examples, from a directory that was moved after
+# the installation.
 #   sh package.sh cmake BUILD-DIRECTORY VERSION
 set -eu
 cmake=$1 build=$2 version=$3
@@ -49,6 +50,15 @@ fi
 for program in consumer_c consumer_cxx consumer_static consumer_layer; do
     built "$program" "$scratch/build/$program"
 done
+
+# The examples are a project of their own, for a copy of the library that is installed.
+if ! { "$cmake" -S "$HERE/../../docs/examples" -B "$scratch/examples" \
+    -DCMAKE_PREFIX_PATH="$prefix" &&
+    "$cmake" --build "$scratch/examples" --target list_replicas list_replicas_c; } \
+    >"$scratch/log" 2>&1; then
+    cat "$scratch/log"
+    exit 1
+fi
 if "$READELF" -d "$scratch/build/consumer_static" | grep 'NEEDED.*libgreirige'; then
     echo "consumer_static needs the shared library"
     exit 1
