@@ -167,11 +167,17 @@ void RecordReader::check_value(std::string_view kind_and_value, std::string_view
 
 std::string RecordReader::value_of(Line &line) const
 {
+    const std::string name_only(line.text, 0, line.text.find(':')); // libldap writes into the line
+    // libldap refuses an empty value in base64, which RFC 2849 allows.
+    const std::string_view kind_and_value = std::string_view(line.text).substr(name_only.size());
+    if (kind_and_value.starts_with("::") && without_blanks_before(kind_and_value.substr(2)).empty())
+        return {};
+
     berval name{};
     berval value{};
     int allocated = 0;
     if (ldif_parse_line2(line.text.data(), &name, &value, &allocated) != 0)
-        fail("the value of " + in_quotes(line.text) + " cannot be read");
+        fail("the value of " + in_quotes(name_only) + " cannot be read");
     std::string bytes =
         value.bv_val != nullptr ? std::string(value.bv_val, value.bv_len) : std::string();
     if (allocated != 0)
