@@ -90,6 +90,11 @@ std::string records_of(std::uint64_t number)
     return grouped(number) + (number == 1 ? " record" : " records");
 }
 
+std::string were(std::uint64_t number)
+{
+    return number == 1 ? "was" : "were";
+}
+
 bool are_one_file(const std::string &a, const std::string &b)
 {
     struct stat first = {};
@@ -115,8 +120,10 @@ struct Item {
 struct Group {
     std::vector<Item> items;
     std::uint64_t journal_id = 0;
-    std::uint64_t taken_before = 0; // updates that were submitted before this group
-    std::uint64_t taken = 0;        // and of this group
+    std::uint64_t taken_before = 0;   // updates that were submitted before this group
+    std::uint64_t taken = 0;          // and of this group
+    std::uint64_t batches_before = 0; // that were sent
+    bool sent = false;                // as a whole
 };
 
 // The load cannot go on: the connection is lost, or the server speaks in tongues.
@@ -163,6 +170,7 @@ private:
     void complain_about(const LdifPlace &place, const std::string &what);
     void wait_a_moment_for_outcomes();
     void report();
+    std::uint64_t unknown() const;
     void report_what_is_unknown();
     void say_how_to_go_on();
     ExitStatus status() const;
@@ -194,8 +202,9 @@ private:
     std::optional<std::uint64_t> first_failure_;
     std::uint64_t loaded_after_failure_ = 0;
     std::uint64_t failed_after_failure_ = 0;
-    std::optional<LdifPlace> bad_place_; // of what could not be read
-    std::string trouble_;                // why the load ended early, if not by a failed record
+    std::optional<LdifPlace> bad_place_;  // of what could not be read
+    std::optional<LdifPlace> after_last_; // where the next record begins, or before it
+    std::string trouble_;                 // why the load ended early, if not by a failed record
     std::uint64_t position_ = 0;
     Clock::time_point begin_ = Clock::now();
     double waited_ = 0; // seconds
@@ -394,6 +403,10 @@ std::optional<Item> Load::next_item()
             return std::nullopt;
         item.record = *std::move(record);
         item.ordinal = next_ordinal_++;
+        after_last_ = item.record.place;
+        after_last_->line = item.record.first_line +
+                            static_cast<std::uint64_t>(
+                                std::count(item.record.text.begin(), item.record.text.end(), '\n'));
     }
     if (journal_)
         item.hash = hash_of(item.ordinal, item.record.text);
@@ -493,6 +506,7 @@ void Load::send()
     if (journal_)
         note_in_journal();
     gathering_.taken_before = load_->progress().submitted;
+    gathering_.batches_before = load_->progress().batches;
     under_way_.push_back(std::exchange(gathering_, Group()));
     submit(under_way_.back());
     take_outcomes();
@@ -516,6 +530,7 @@ void Load::submit(Group &group)
         group.taken += load_->progress().submitted - before;
     }
     wait_for([this] { return load_->flush(); });
+    group.sent = true;
 }
 
 // Makes a call of the layer until it succeeds, for as long as the session's time limit allows and
@@ -664,17 +679,14 @@ void Load::report()
 {
     progress_.clear();
     const double seconds = std::chrono::duration<double>(Clock::now() - begin_).count();
-    std::uint64_t unknown = 0;
-    for (const Group &group : under_way_)
-        unknown += group.items.size();
     if (!trouble_.empty())
         complain(trouble_);
-    if (unknown > 0)
+    if (unknown() > 0)
         report_what_is_unknown();
     if (first_failure_ && stopped_)
         complain("stopped at the first failure (-c goes on); of what had been sent after it, " +
-                 records_of(loaded_after_failure_) + " were loaded and " +
-                 grouped(failed_after_failure_) + " failed");
+                 records_of(loaded_after_failure_) + ' ' + were(loaded_after_failure_) +
+                 " loaded and " + grouped(failed_after_failure_) + " failed");
     if (!complete_)
         say_how_to_go_on();
 
@@ -683,7 +695,7 @@ void Load::report()
         Json json = tool_.document(operation());
         json["complete"] = complete_;
         json.update(counts_.json());
-        json["unknown"] = unknown;
+        json["unknown"] = unknown();
         json["dealtWithBefore"] = resumed_after_;
         json["foundDone"] = found_done_;
         json["batches"] = load_ ? load_->progress().batches : 0;
@@ -703,16 +715,30 @@ void Load::report()
               " % of the time");
 }
 
+// How many records have been sent, perhaps, and have no outcome.
+std::uint64_t Load::unknown() const
+{
+    std::uint64_t records = 0;
+    for (const Group &group : under_way_)
+        if (group.sent || load_->progress().batches > group.batches_before)
+            records += group.items.size();
+    return records;
+}
+
 void Load::report_what_is_unknown()
 {
-    const LdifPlace first = under_way_.front().items.front().record.place;
-    const LdifPlace last = under_way_.back().items.back().record.place;
-    std::uint64_t unknown = 0;
-    for (const Group &group : under_way_)
-        unknown += group.items.size();
-    complain("whether " + records_of(unknown) + " that were sent (" + to_string(first) + " to " +
-             to_string(last) + ") were carried out is not known; " +
-             records_of(resumed_after_ + counts_.records) + " before have their outcome");
+    const std::uint64_t records = unknown();
+    std::uint64_t left = records;
+    auto last = under_way_.begin();
+    while ((left -= last->items.size()) > 0)
+        ++last;
+    const LdifPlace from = under_way_.front().items.front().record.place;
+    const LdifPlace to = last->items.back().record.place;
+    const std::uint64_t known = resumed_after_ + counts_.records;
+    complain("whether " + records_of(records) + " that " + were(records) + " sent (" +
+             to_string(from) + " to " + to_string(to) + ") " + were(records) +
+             " carried out is not known; " + records_of(known) + " before " +
+             (known == 1 ? "has its outcome" : "have their outcome"));
 }
 
 void Load::say_how_to_go_on()
@@ -730,13 +756,16 @@ void Load::say_how_to_go_on()
         place = gathering_.items.front().record.place;
     else if (held_back_)
         place = held_back_->record.place;
-    else
+    else if (bad_place_)
         place = bad_place_;
-    try {
-        if (const auto record = place ? std::nullopt : reader_.next())
-            place = record->place;
-    } catch (const std::exception &) { // then the next run will say it
-    }
+    else if (interrupted())
+        place = after_last_;
+    else
+        try {
+            if (const auto record = reader_.next())
+                place = record->place;
+        } catch (const std::exception &) { // the next run will say it
+        }
     if (place && *place->file == names_.front())
         complain("-j " + std::to_string(place->line) +
                  " goes on there (a load with --journal can be resumed)");
