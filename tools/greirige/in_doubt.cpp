@@ -6,7 +6,7 @@
 #include <memory>
 #include <string_view>
 
-#include "text.h"
+#include "signals.h"
 
 namespace tool {
 
@@ -111,12 +111,22 @@ std::vector<std::string> names_of(const Update &update)
 
 // ---- Entries ------------------------------------------------------------------------------------
 
+// The server's answer; without one nothing is known of what was asked.
+int answered(LDAP *ld, int code)
+{
+    if (code >= 0)
+        return code;
+    leave_if_interrupted();
+    throw Lost{greirige::detail::failure(ld, code, "search")};
+}
+
 // What of an entry matters.
 class Entry {
 public:
-    // Nothing when there is none, or none that can be seen.
+    // Nothing when there is none, or none that can be seen; code says which.
     static std::optional<Entry> read(LDAP *ld, const std::string &name,
-                                     const std::vector<std::string> &attributes)
+                                     const std::vector<std::string> &attributes,
+                                     int *code = nullptr)
     {
         std::vector<char *> wanted;
         for (const std::string &attribute : attributes)
@@ -126,11 +136,13 @@ public:
         wanted.push_back(nullptr);
         timeval limit = patience;
         LDAPMessage *received = nullptr;
-        const int code =
+        const int result =
             ldap_search_ext_s(ld, name.c_str(), LDAP_SCOPE_BASE, "(objectClass=*)", wanted.data(),
                               0, nullptr, nullptr, &limit, 1, &received);
         Message message(received);
-        if (code != LDAP_SUCCESS || ldap_first_entry(ld, received) == nullptr)
+        if (code != nullptr)
+            *code = result;
+        if (answered(ld, result) != LDAP_SUCCESS || ldap_first_entry(ld, received) == nullptr)
             return std::nullopt;
         return Entry(ld, name, std::move(message));
     }
@@ -153,8 +165,8 @@ public:
         if (found != values_.end() && found->second.contains(value))
             return true;
         berval bytes{value.size(), const_cast<char *>(value.data())};
-        return ldap_compare_ext_s(ld_, name_.c_str(), attribute.c_str(), &bytes, nullptr,
-                                  nullptr) == LDAP_COMPARE_TRUE;
+        return answered(ld_, ldap_compare_ext_s(ld_, name_.c_str(), attribute.c_str(), &bytes,
+                                                nullptr, nullptr)) == LDAP_COMPARE_TRUE;
     }
 
 private:
@@ -183,6 +195,12 @@ bool exists(LDAP *ld, const std::string &name)
     return Entry::read(ld, name, {}).has_value();
 }
 
+bool is_gone(LDAP *ld, const std::string &name)
+{
+    int code = LDAP_SUCCESS;
+    return !Entry::read(ld, name, {}, &code) && code == LDAP_NO_SUCH_OBJECT;
+}
+
 // Servers keep passwords in another form than they were sent in.
 bool is_password(const std::string &attribute)
 {
@@ -208,12 +226,12 @@ bool done(LDAP *ld, const AddEntry &add)
 
 bool done(LDAP *ld, const DeleteEntry &remove)
 {
-    return !exists(ld, remove.dn);
+    return is_gone(ld, remove.dn);
 }
 
 bool done(LDAP *ld, const RenameEntry &rename)
 {
-    return !exists(ld, rename.dn) && exists(ld, name_after(rename));
+    return is_gone(ld, rename.dn) && exists(ld, name_after(rename));
 }
 
 // What a modification leaves of an attribute: all of its values where that is known, or values that

@@ -21,6 +21,12 @@
 
 namespace tool {
 
+// The directory cannot be asked any more, nor told: the connection is lost, or the server speaks in
+// tongues. What follows throws it.
+struct Lost {
+    greirige::Error error;
+};
+
 // The directory is as the update leaves it. False also where that cannot be seen; sending it then
 // changes nothing that it has changed already, or fails with one of the codes below.
 bool has_been_done(LDAP *ld, const greirige::Update &update);

@@ -126,11 +126,6 @@ struct Group {
     bool sent = false;                // as a whole
 };
 
-// The load cannot go on: the connection is lost, or the server speaks in tongues.
-struct Lost {
-    greirige::Error error;
-};
-
 class Load {
 public:
     Load(Tool &tool, const Arguments &arguments)
