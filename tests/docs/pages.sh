@@ -1,4 +1,4 @@
-# The manual pages are well formed, what they show of the records stands so in the header, and the
+# The manual pages are well formed and refer to one another, what they show of the records stands so in the header, and the
 # code in their examples compiles.
 #   sh pages.sh mandoc
 set -eu
@@ -9,6 +9,15 @@ cd "$scratch"
 failed=0
 
 "$mandoc" -T lint -W warning "$MANUAL"/*.[0-9] || failed=1
+
+sed -n 's/^\.[A-Z].*Xr \(greirige[a-z_-]*\) \([1-9]\).*/\1.\2/p' "$MANUAL"/* | sort -u |
+    while read -r page; do
+        [ -e "$MANUAL/$page" ] || echo "$page: pages refer to it, and there is none"
+    done >astray
+if [ -s astray ]; then
+    cat astray
+    failed=1
+fi
 
 for page in "$MANUAL"/*.3 "$MANUAL"/*.7; do
     name=$(basename "$page")
