@@ -8,6 +8,7 @@
 
 #include <ldif.h>
 
+#include <cstdio>
 #include <iostream>
 #include <optional>
 
@@ -90,11 +91,18 @@ public:
     {
         return file_ != nullptr;
     }
-    // Goes to the next record; false at the end of the file. line() is near where it begins.
+    // Goes to the next record; false at the end of the file, and where it cannot be read further:
+    // failed() tells. line() is near where the record begins.
     bool next()
     {
         first_line_ = lines_ + 1;
-        return ldif_read_record(file_, &lines_, &text_, &capacity_) > 0;
+        const int found = ldif_read_record(file_, &lines_, &text_, &capacity_);
+        failed_ = found < 0 || std::ferror(file_->fp) != 0;
+        return found > 0 && !failed_;
+    }
+    bool failed() const
+    {
+        return failed_;
     }
     unsigned long line() const
     {
@@ -119,6 +127,7 @@ private:
     int capacity_ = 0;
     unsigned long lines_ = 0;
     unsigned long first_line_ = 0;
+    bool failed_ = false;
 };
 
 // ---- Loading ------------------------------------------------------------------------------------
@@ -140,6 +149,9 @@ greirige::Result<greirige::BulkSummary> load(greirige::Session session, LdifFile
         if (auto taken = load->submit(*update, file.line()); !taken)
             return taken.error();
     }
+    if (file.failed())
+        return greirige::Error{LDAP_LOCAL_ERROR, "the file cannot be read further",
+                               "line " + std::to_string(file.line())};
     return load->finish();
 }
 

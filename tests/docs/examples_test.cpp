@@ -185,6 +185,9 @@ TEST(LoadLdif, stops_at_what_is_no_update)
     EXPECT_EQ(stopped.status, 1);
     EXPECT_THAT(stopped.err, HasSubstr("line 1: not an update"));
     EXPECT_EQ(run("load_ldif", {file + ".none"}).status, 2);
+    const Finished unreadable = run("load_ldif", {directory.path()});
+    EXPECT_EQ(unreadable.status, 1);
+    EXPECT_THAT(unreadable.err, HasSubstr("cannot be read"));
 }
 
 TEST(BackupRestore, brings_back_an_entry_that_was_deleted)
