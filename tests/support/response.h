@@ -12,6 +12,26 @@
 
 namespace support {
 
+// libldap itself ends the process over a response name without characters: such messages are left
+// out, with some others that could be one.
+inline bool may_have_empty_name(const std::string &message)
+{
+    for (std::size_t i = 0; i + 1 < message.size(); ++i) {
+        const auto tag = static_cast<unsigned char>(message[i]);
+        if (tag != 0x8a && tag != 0x80)
+            continue;
+        const auto length = static_cast<unsigned char>(message[i + 1]);
+        const std::size_t width = length >= 0x80 ? length - 0x80U : 0;
+        if (length == 0 || (width > 0 && message.substr(i + 2, width).find_first_not_of('\0') ==
+                                             std::string::npos))
+            return true;
+        // A name that begins with a zero byte has no characters either.
+        if (i + 2 + width < message.size() && message[i + 2 + width] == '\0')
+            return true;
+    }
+    return false;
+}
+
 class Collected {
 public:
     explicit Collected(const Response &response) : id_(request())
