@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "tally.h"
+
 namespace support {
 
 struct Calls::State {
@@ -26,6 +28,7 @@ struct Calls::State {
 namespace {
 
 thread_local Calls::State *watching;
+Tally injected{"failed steps"};
 
 // While the records themselves are written, nothing is watched.
 class Pause {
@@ -52,6 +55,7 @@ bool fails(std::string_view function, int *code = nullptr)
     if (plan == pause.state->plans.end() || count < plan->second.at ||
         (count > plan->second.at && !plan->second.for_ever))
         return false;
+    ++injected.count;
     if (code != nullptr)
         *code = plan->second.code;
     return true;

@@ -14,6 +14,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tally.h"
+
 // The C library's allocator under its other names.
 extern "C" {
 void *__libc_malloc(std::size_t size);
@@ -26,6 +28,8 @@ void __libc_free(void *block);
 }
 
 namespace {
+
+support::Tally injected{"failed allocations"};
 
 struct Live {
     void *address;
@@ -192,6 +196,7 @@ void Measurement::only_releases()
 Usage Measurement::stop()
 {
     counter.active = counter.recording = false;
+    injected.count += counter.struck;
     Usage usage{counter.allocations, counter.kept, {}, counter.struck, counter.largest};
     for (std::size_t i = 0; i < counter.used; i++)
         usage.blocks.push_back({counter.live[i].number, counter.live[i].size});
@@ -293,6 +298,7 @@ Outcome run_failing(Fail mode, std::size_t nth, const std::function<void(Step &)
     }
     munmap(shared, sizeof(Report));
     close(log);
+    injected.count += outcome.struck;
     return outcome;
 }
 
