@@ -22,7 +22,8 @@ enum class Parser { event, event_and_address, rejected, start, batch, end };
 constexpr std::size_t parsers = 6;
 
 // May lose the first address of a referral list that breaks off, where the server sends one.
-int parse(Parser parser, LDAP *ld, LDAPMessage *message, bool release, bool referrals)
+int parse(Parser parser, LDAP *ld, LDAPMessage *message, bool release, bool referrals,
+          const std::optional<MessageVerdict> &expected)
 {
     std::optional<StatedLeak> leak;
     if (referrals)
@@ -34,7 +35,8 @@ int parse(Parser parser, LDAP *ld, LDAPMessage *message, bool release, bool refe
     switch (parser) {
     case Parser::event:
     case Parser::event_and_address: {
-        int type = 0;
+        int type = MessageVerdict().type;
+        result = MessageVerdict().result;
         void *record = nullptr, *address = nullptr;
         code =
             parser == Parser::event
@@ -43,6 +45,12 @@ int parse(Parser parser, LDAP *ld, LDAPMessage *message, bool release, bool refe
         const EventRecord owned(record), owned_address(address);
         fuzz::require(code == LDAP_SUCCESS || (record == nullptr && address == nullptr),
                       "a failed event");
+        if (expected) {
+            MessageVerdict seen = seen_message(code, type, result, record, address);
+            if (parser == Parser::event)
+                seen.trailer = expected->trailer; // read and released again
+            fuzz::require(seen == *expected, "what an independent decoder makes of the event");
+        }
         break;
     }
     case Parser::rejected: {
@@ -187,8 +195,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         return 0; // no message for libldap
 
     const bool release = (shape & 2) != 0 && can_be_read(parser, peer.ld(), received);
+    // Of an event under its name the table of events knows what must come of it.
+    std::optional<MessageVerdict> expected;
+    if ((shape & 1) == 0 && (parser == Parser::event || parser == Parser::event_and_address))
+        expected = expected_message(rest);
     const int code = parse(parser, peer.ld(), received, release,
-                           rest.find(char{EVT_TAG_SEV_INFO}) != std::string::npos);
+                           rest.find(char{EVT_TAG_SEV_INFO}) != std::string::npos, expected);
     fuzz::require(peer.session_code() == code, "the session's result code");
     if (!release)
         ldap_msgfree(received);
