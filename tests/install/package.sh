@@ -25,6 +25,16 @@ for file in "$prefix/include/ldapx.h" "$prefix/include/ldap_events.h" \
     }
 done
 
+if [ -e "$prefix/bin/greirige" ]; then
+    for file in bash-completion/completions/greirige zsh/site-functions/_greirige \
+        fish/vendor_completions.d/greirige.fish; do
+        grep -q 'split-orphan' "$prefix/share/$file" || {
+            echo "not installed, or empty: $file"
+            exit 1
+        }
+    done
+fi
+
 # built WHAT PROGRAM: runs it and compares the version that it prints.
 built() {
     said=$(LD_LIBRARY_PATH=$libraries "$2")

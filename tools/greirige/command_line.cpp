@@ -160,6 +160,81 @@ CLI::App &CommandLine::command(const std::string &name, const std::string &descr
     return command(app_, name, description, example, std::move(action));
 }
 
+CLI::Option *CommandLine::add_name(CLI::App &command, const std::string &name, std::string &value,
+                                   const std::vector<std::string> &known,
+                                   const std::string &description)
+{
+    const auto fault = [known](const std::string &text) -> std::string {
+        if (std::find(known.begin(), known.end(), text) != known.end())
+            return {};
+        std::string all;
+        for (const std::string &one : known)
+            all += (all.empty() ? "" : ", ") + one;
+        const auto meant = nearest(text, known);
+        return in_quotes(text) + " is not one of " + all +
+               (meant ? "; did you mean " + *meant + '?' : "");
+    };
+    CLI::Option *option = command.add_option(name, value, description)
+                              ->required()
+                              ->type_name("")
+                              ->check(CLI::Validator(fault, ""));
+    known_.emplace(option, known);
+    return option;
+}
+
+void CommandLine::add_completion_command()
+{
+    const auto shell = std::make_shared<std::string>();
+    CLI::App &completion =
+        command("completion", "Print a script that makes a shell complete these commands",
+                "greirige completion bash", [this, shell](Tool &) {
+                    CompletionTable table;
+                    add_to_completion(app_, table);
+                    print(stdout, completion_script(*shell, table));
+                    return ExitStatus::done;
+                });
+    add_name(completion, "SHELL", *shell, shells_with_completion(), "bash, zsh or fish");
+}
+
+void CommandLine::add_to_completion(const CLI::App &app, CompletionTable &table) const
+{
+    CompletionCommand command{
+        .path = path_of(app), .description = app.get_description(), .options = {}, .arguments = {}};
+    for (const CLI::Option *option : app.get_options()) {
+        const bool repeats = option->get_items_expected_max() > 1;
+        if (!option->nonpositional()) {
+            command.arguments.push_back(completion_value(*option));
+            command.repeats = repeats;
+        } else if (option != app.get_help_ptr() || command.path.empty()) { // each has that one
+            CompletionOption row{.names = {},
+                                 .description = option->get_description(),
+                                 .value = completion_value(*option),
+                                 .repeats = repeats};
+            for (const std::string &name : option->get_snames())
+                row.names.push_back('-' + name);
+            for (const std::string &name : option->get_lnames())
+                row.names.push_back("--" + name);
+            command.options.push_back(row);
+        }
+    }
+    table.push_back(command);
+    for (const CLI::App *each : app.get_subcommands([](const CLI::App *) { return true; }))
+        add_to_completion(*each, table);
+}
+
+CompletionValue CommandLine::completion_value(const CLI::Option &option) const
+{
+    using Kind = CompletionValue::Kind;
+    if (option.get_items_expected_min() == 0 && option.nonpositional())
+        return {}; // a flag
+    const std::string name =
+        option.nonpositional() ? option.get_type_name() : option.get_name(true);
+    const auto words = known_.find(&option);
+    if (words != known_.end())
+        return {.kind = Kind::words, .name = name, .words = words->second};
+    return {.kind = name == "FILE" ? Kind::file : Kind::text, .name = name};
+}
+
 int CommandLine::run(int argc, char **argv)
 {
     catch_signals();
@@ -319,25 +394,6 @@ CLI::Option *add_dns(CLI::App &command, const std::string &name, std::vector<std
         ->required()
         ->type_name("")
         ->check(CLI::Validator(fault_of_dn, ""));
-}
-
-CLI::Option *add_name(CLI::App &command, const std::string &name, std::string &value,
-                      const std::vector<std::string> &known, const std::string &description)
-{
-    const auto fault = [known](const std::string &text) -> std::string {
-        if (std::find(known.begin(), known.end(), text) != known.end())
-            return {};
-        std::string all;
-        for (const std::string &one : known)
-            all += (all.empty() ? "" : ", ") + one;
-        const auto meant = nearest(text, known);
-        return in_quotes(text) + " is not one of " + all +
-               (meant ? "; did you mean " + *meant + '?' : "");
-    };
-    return command.add_option(name, value, description)
-        ->required()
-        ->type_name("")
-        ->check(CLI::Validator(fault, ""));
 }
 
 void add_flags(CLI::App &command, int &flags)

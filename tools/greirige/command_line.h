@@ -21,6 +21,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "completion.h"
 #include "tool.h"
 
 namespace tool {
@@ -39,11 +40,19 @@ public:
     CLI::App &command(const std::string &name, const std::string &description,
                       const std::string &example, Action action);
 
+    // A required argument that is one of these names.
+    CLI::Option *add_name(CLI::App &command, const std::string &name, std::string &value,
+                          const std::vector<std::string> &known, const std::string &description);
+    // greirige completion: prints what makes a shell complete everything added before and after.
+    void add_completion_command();
+
     // Parses, runs the command, reports what goes wrong. Returns the process's exit status.
     int run(int argc, char **argv);
 
 private:
     ExitStatus parse_and_run(int argc, char **argv);
+    void add_to_completion(const CLI::App &app, CompletionTable &table) const;
+    CompletionValue completion_value(const CLI::Option &option) const;
     std::vector<std::string> protected_words(int argc, char **argv);
     void for_every_command(const std::function<void(CLI::App &)> &visit);
     bool takes_value(const std::string &option);
@@ -53,6 +62,7 @@ private:
     CLI::App app_;
     Options options_;
     std::map<const CLI::App *, Action> actions_;
+    std::map<const CLI::Option *, std::vector<std::string>> known_; // of add_name()
 };
 
 // A required argument that is a distinguished name, checked before anything is sent.
@@ -60,9 +70,6 @@ CLI::Option *add_dn(CLI::App &command, const std::string &name, std::string &dn,
                     const std::string &description);
 CLI::Option *add_dns(CLI::App &command, const std::string &name, std::vector<std::string> &dns,
                      const std::string &description);
-// A required argument that is one of these names.
-CLI::Option *add_name(CLI::App &command, const std::string &name, std::string &value,
-                      const std::vector<std::string> &known, const std::string &description);
 // --flags N: option bits, which the server interprets.
 void add_flags(CLI::App &command, int &flags);
 

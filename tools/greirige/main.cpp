@@ -14,5 +14,6 @@ int main(int argc, char **argv)
     tool::add_load_command(line);
     tool::add_backup_commands(line);
     tool::add_watch_command(line);
+    line.add_completion_command();
     return line.run(argc, argv);
 }

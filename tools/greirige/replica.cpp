@@ -52,10 +52,10 @@ void add_dn_and_server(CLI::App &command, Arguments &arguments)
     add_dn(command, "SERVER", arguments.server, "The server object that holds the replica");
 }
 
-void add_type(CLI::App &command, Arguments &arguments)
+void add_type(CommandLine &line, CLI::App &command, Arguments &arguments)
 {
-    add_name(command, "TYPE", arguments.type, type_names,
-             "master, secondary, read-only, subref, sparse-write or sparse-read");
+    line.add_name(command, "TYPE", arguments.type, type_names,
+                  "master, secondary, read-only, subref, sparse-write or sparse-read");
 }
 
 void add_add(CommandLine &line, CLI::App &group)
@@ -78,7 +78,7 @@ void add_add(CommandLine &line, CLI::App &group)
                 });
         });
     add_dn_and_server(command, *arguments);
-    add_type(command, *arguments);
+    add_type(line, command, *arguments);
     add_flags(command, arguments->flags);
 }
 
@@ -126,7 +126,7 @@ void add_retype(CommandLine &line, CLI::App &group)
                 });
         });
     add_dn_and_server(command, *arguments);
-    add_type(command, *arguments);
+    add_type(line, command, *arguments);
     add_flags(command, arguments->flags);
 }
 

@@ -28,8 +28,8 @@ void add_trigger_commands(CommandLine &line)
                                       return session.trigger(greirige::BackgroundProcess(number));
                                   });
         });
-    add_name(command, "NAME", *name, processes,
-             "backlink, janitor, limber, skulker, schema-sync or partition-purge");
+    line.add_name(command, "NAME", *name, processes,
+                  "backlink, janitor, limber, skulker, schema-sync or partition-purge");
 }
 
 } // namespace tool
