@@ -56,7 +56,9 @@ Record &Record::list(std::string_view name, const std::vector<std::string> &valu
     std::string content;
     for (const std::string &value : values) {
         remember(name, value);
-        content += ber::sequence(ber::octets(value));
+        // What clients send may hold a zero byte. No decoder takes it in a list; elsewhere it ends
+        // the string.
+        content += ber::sequence(ber::octets(value.substr(0, value.find('\0'))));
     }
     return raw(ber::element(tag, content));
 }
