@@ -34,12 +34,18 @@ public:
     explicit LayoutReader(Reader &in) : in_(in) {}
 
     // Reads the event's data and its trailer; the reader fails where they are not as they should
-    // be.
-    void follow(std::string_view layout)
+    // be. Returns how many elements of the data are.
+    std::size_t follow(std::string_view layout)
     {
-        for (const char letter : layout)
+        std::size_t good = 0;
+        for (const char letter : layout) {
             read(letter);
+            if (!in_.ok())
+                return good;
+            ++good;
+        }
         read_trailer();
+        return good;
     }
 
 private:

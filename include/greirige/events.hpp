@@ -150,6 +150,22 @@ private:
     std::optional<Address> address_;
 };
 
+namespace detail {
+
+// An event whose data does not read as its kind's behind so many elements that do.
+inline Error undecodable(int type, const EventKind &kind, std::size_t good, std::string_view where)
+{
+    std::string text = "event " + std::to_string(type) + ", ";
+    text.append(to_string(kind.tag)).append(", cannot be decoded: ");
+    if (good == kind.layout.size())
+        text += "its address is wrong";
+    else
+        text += "element " + std::to_string(good + 1) + " of its data is wrong or missing";
+    return refusal(LDAPX_DECODING_ERROR, text, std::string(where));
+}
+
+} // namespace detail
+
 // Turns a message that ldap_result() returned into its event, for programs with a loop of their
 // own. The message must be an IntermediateResponse (LDAP_RES_INTERMEDIATE); it stays the caller's.
 // LDAPX_DECODING_ERROR for one that is no event or whose data does not read as its kind's.
@@ -173,18 +189,21 @@ inline Result<Event> parse_event(Session session, LDAPMessage *message)
     // SEQUENCE { INTEGER type, INTEGER result, data }, trailer.
     detail::Reader in(*value);
     in.enter();
-    in.number();
+    const int event_type = in.number();
     in.number();
     EventTag tag = EventTag::none;
     if (in.ok() && in.tag() != detail::Reader::none)
         tag = static_cast<EventTag>(in.tag());
+    if (!in.ok())
+        return detail::refusal(LDAPX_DECODING_ERROR,
+                               "the event's type, result or data cannot be decoded",
+                               std::string(where));
     if (const detail::EventKind *kind = detail::event_kind(tag)) {
         in.enter();
-        detail::LayoutReader(in).follow(kind->layout);
+        const std::size_t good = detail::LayoutReader(in).follow(kind->layout);
+        if (!in.ok())
+            return detail::undecodable(event_type, *kind, good, where);
     }
-    if (!in.ok())
-        return detail::refusal(LDAPX_DECODING_ERROR, "the event's data cannot be decoded",
-                               std::string(where));
 
     int type = 0;
     int result = 0;
@@ -272,7 +291,8 @@ public:
     // what has already arrived. Nothing when none came in time, a signal interrupted the wait, or
     // the stream has ended: ended() tells that apart.
     //
-    // An event that cannot be decoded is an error (LDAPX_DECODING_ERROR), and the stream goes on.
+    // An event that cannot be decoded is an error (LDAPX_DECODING_ERROR) whose text says where it
+    // breaks off, and the stream goes on. So is a message of another kind, which may end it.
     // The server's refusal of the registration and the loss of the connection are errors too, and
     // end the stream.
     Result<std::optional<Event>> next(Clock::time_point deadline = Clock::time_point::max());
@@ -461,14 +481,23 @@ inline Result<std::optional<Event>> EventStream::next(Clock::time_point deadline
             return std::nullopt;
         }
         if (kind < 0) {
-            Error lost =
-                detail::failure(ld_.get(), detail::session_code(ld_.get()), "monitor_events");
+            // No code of its own: another call of the connection has found it lost before.
+            int code = LDAP_SUCCESS;
+            ldap_get_option(ld_.get(), LDAP_OPT_RESULT_CODE, &code);
+            Error lost = detail::failure(ld_.get(), code == LDAP_SUCCESS ? LDAP_SERVER_DOWN : code,
+                                         "monitor_events");
             ld_.reset();
             return lost;
         }
-        if (kind == 0 && Clock::now() >= deadline)
+        if (kind > 0) {
+            // Whatever it is, with these two exceptions it is the last that comes.
+            if (kind != LDAP_RES_SEARCH_ENTRY && kind != LDAP_RES_SEARCH_REFERENCE)
+                ld_.reset();
+            return detail::refusal(LDAPX_DECODING_ERROR, "the message is no event",
+                                   "monitor_events");
+        }
+        if (Clock::now() >= deadline)
             return std::nullopt;
-        // Or a response of a kind that no event stream has: passed over.
     }
     return std::nullopt;
 }

@@ -198,6 +198,45 @@ TEST(Stream, goes_on_after_an_event_that_cannot_be_decoded)
     EXPECT_EQ(monitor.next(), 3);
 }
 
+TEST(Stream, tells_where_an_event_breaks_off)
+{
+    Registered monitor;
+    const auto text = [&](const string &value) {
+        monitor.peer.respond_intermediate(LDAPX_EVENT_NOTIFICATION, value, monitor.id);
+        return monitor.stream.next(5s).error().text;
+    };
+    const auto unknown_operation = [](const string &data, const string &trailer = "") {
+        return sequence(integer(7), integer(0), element(EVT_TAG_UNKNOWN_OP, data), trailer);
+    };
+    EXPECT_EQ(text(sequence(integer(7))), "the event's type, result or data cannot be decoded");
+    EXPECT_EQ(text(unknown_operation(octets("too long"))),
+              "event 7, unknown-operation, cannot be decoded: element 1 of its data is wrong or "
+              "missing");
+    EXPECT_EQ(text(unknown_operation(integer(1))),
+              "event 7, unknown-operation, cannot be decoded: element 2 of its data is wrong or "
+              "missing");
+    EXPECT_EQ(text(unknown_operation(integer(1) + octets("x"), integer(1))),
+              "event 7, unknown-operation, cannot be decoded: its address is wrong");
+    EXPECT_FALSE(monitor.stream.ended());
+}
+
+TEST(Stream, tells_of_messages_of_another_kind_and_ends_with_the_last)
+{
+    Registered monitor;
+    const auto message = [&](unsigned long tag, const string &content) {
+        monitor.peer.send(sequence(integer(monitor.id), element(tag, content)));
+        return monitor.stream.next(5s).error();
+    };
+    EXPECT_EQ(message(LDAP_RES_SEARCH_ENTRY, octets("o=x") + sequence()).code,
+              LDAPX_DECODING_ERROR);
+    monitor.event(1);
+    EXPECT_EQ(monitor.next(), 1);
+    EXPECT_EQ(message(LDAP_RES_BIND, enumerated(0) + octets("") + octets("")).text,
+              "the message is no event");
+    EXPECT_TRUE(monitor.stream.ended());
+    EXPECT_FALSE(monitor.stream.end_of_stream());
+}
+
 TEST(Stream, is_iterated_until_it_ends)
 {
     Registered monitor;
@@ -246,6 +285,15 @@ TEST(Stream, is_iterated_to_the_loss_of_its_connection)
     EXPECT_TRUE(monitor.stream.ended());
     EXPECT_FALSE(monitor.stream.end_of_stream());
     EXPECT_FALSE(monitor.stream.next().value());
+}
+
+TEST(End, by_a_loss_that_another_call_has_found_is_the_same_loss)
+{
+    Registered monitor;
+    monitor.peer.finish();
+    EXPECT_EQ(monitor.session.refresh_server().error().code, LDAP_SERVER_DOWN);
+    EXPECT_EQ(monitor.stream.next(5s).error().code, LDAP_SERVER_DOWN);
+    EXPECT_TRUE(monitor.stream.ended());
 }
 
 TEST(End, of_a_stream_tells_the_verdict_and_what_was_rejected)
