@@ -129,7 +129,8 @@ struct Child::State {
     bool terminal = false;
     Descriptor in, out, err;
     std::string out_text, err_text;
-    std::size_t seen = 0; // of err_text, by wait_for
+    std::size_t taken = 0; // of out_text, by read_line
+    std::size_t seen = 0;  // of err_text, by wait_for
 
     void start(const std::vector<std::string> &arguments, const ProcessOptions &options);
     // Moves what can be moved until the deadline or until there is something new.
@@ -318,12 +319,13 @@ std::string Child::read_line(std::chrono::milliseconds timeout)
 {
     auto deadline = Clock::now() + timeout;
     for (;;) {
-        std::size_t end = state_->out_text.find('\n');
+        std::size_t end = state_->out_text.find('\n', state_->taken);
         if (end != std::string::npos) {
-            std::string line = state_->out_text.substr(0, end);
-            state_->out_text.erase(0, end + 1);
+            std::string line = state_->out_text.substr(state_->taken, end - state_->taken);
+            state_->taken = end + 1;
             return line;
         }
+        state_->out_text.erase(0, std::exchange(state_->taken, 0));
         if (!state_->out.open() || Clock::now() >= deadline)
             throw std::runtime_error(state_->name +
                                      ": no line came; standard error: " + state_->err_text);
@@ -368,7 +370,7 @@ Finished Child::wait()
     state_->transfer(Clock::now());
     int raw = *state_->status;
     finished.status = WIFSIGNALED(raw) ? 128 + WTERMSIG(raw) : WEXITSTATUS(raw);
-    finished.out = std::exchange(state_->out_text, {});
+    finished.out = std::exchange(state_->out_text, {}).substr(std::exchange(state_->taken, 0));
     finished.err = std::exchange(state_->err_text, {});
     return finished;
 }

@@ -26,6 +26,7 @@ namespace {
 struct Step {
     std::string bytes;
     bool close = false;
+    int times = 1;
     bool start_tls = false;
 };
 
@@ -106,6 +107,8 @@ struct TcpPeer::State {
     std::vector<Request> requests;
     std::map<std::string, std::deque<std::function<Step(int id)>>> answers;
     std::function<Step(int id)> bind;
+    std::map<int, std::function<Step(int id)>> numbered_binds;
+    int binds = 0;
     std::string greeting;
     std::unique_ptr<SSL_CTX, void (*)(SSL_CTX *)> tls{nullptr, SSL_CTX_free};
     bool tls_at_once = false;
@@ -173,7 +176,9 @@ void TcpPeer::State::serve(int file)
             break;
         try {
             const Step step = next_step(parse_request(message));
-            open = stream.send(step.bytes) && !step.close;
+            for (int left = step.times; open && left > 0; --left)
+                open = stream.send(step.bytes);
+            open = open && !step.close;
             if (open && step.start_tls && mute_after != answered + 1)
                 open = stream.encrypt(tls.get());
         } catch (const std::exception &error) { // what arrived is no request: the test shall see it
@@ -192,8 +197,10 @@ Step TcpPeer::State::next_step(const Request &request)
 {
     const std::lock_guard lock(mutex);
     requests.push_back(request);
-    if (request.operation == bind_request)
-        return bind(request.id);
+    if (request.operation == bind_request) {
+        const auto numbered = numbered_binds.find(++binds);
+        return numbered != numbered_binds.end() ? numbered->second(request.id) : bind(request.id);
+    }
     if (request.operation == unbind_request)
         return {.bytes = {}, .close = true};
     auto &left = answers[request.name];
@@ -217,9 +224,16 @@ void TcpPeer::answer(const std::string &name, const Response &response)
     });
 }
 
-void TcpPeer::answer_raw(const std::string &name, const std::string &bytes)
+void TcpPeer::answer_raw(const std::string &name, const std::string &bytes, Then then)
 {
-    state_->answers[name].emplace_back([=](int) -> Step { return {.bytes = bytes}; });
+    state_->answers[name].emplace_back(
+        [=](int) -> Step { return {.bytes = bytes, .close = then == Then::close}; });
+}
+
+void TcpPeer::answer_repeated(const std::string &name, const std::string &bytes, int times)
+{
+    state_->answers[name].emplace_back(
+        [=](int) -> Step { return {.bytes = bytes, .times = times}; });
 }
 
 void TcpPeer::close_at(const std::string &name)
@@ -244,6 +258,20 @@ void TcpPeer::answer_bind_raw(const std::string &bytes)
 void TcpPeer::ignore_binds()
 {
     state_->bind = [](int) -> Step {
+        return {};
+    };
+}
+
+void TcpPeer::answer_bind_number(int number, const Response &response)
+{
+    state_->numbered_binds[number] = [=](int id) -> Step {
+        return {.bytes = bind_response(id, response, "")};
+    };
+}
+
+void TcpPeer::ignore_bind_number(int number)
+{
+    state_->numbered_binds[number] = [](int) -> Step {
         return {};
     };
 }

@@ -37,12 +37,20 @@ public:
 
     // To the next extended request of this name. The response's id is that of the request.
     void answer(const std::string &name, const Response &response);
-    void answer_raw(const std::string &name, const std::string &bytes);
+    // Any bytes, and then perhaps the end of the connection.
+    enum class Then { go_on, close };
+    void answer_raw(const std::string &name, const std::string &bytes, Then then = Then::go_on);
+    // The same bytes so many times.
+    void answer_repeated(const std::string &name, const std::string &bytes, int times);
     void close_at(const std::string &name);
-    // To binds: a result; nothing; any bytes; the end of the connection.
+    // To binds, all that have no answer of their own: a result; nothing; any bytes; the end of the
+    // connection.
     void answer_bind(const Response &response, const std::string &controls = "");
     void answer_bind_raw(const std::string &bytes);
     void ignore_binds();
+    // To the bind of that number, counted from 1 over all connections.
+    void answer_bind_number(int number, const Response &response);
+    void ignore_bind_number(int number);
     void close_at_bind();
     // Sent to every client as soon as it connects.
     void greet(const std::string &bytes);

@@ -1,5 +1,6 @@
 #include "sandbox.h"
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <fstream>
@@ -15,7 +16,9 @@ namespace {
 
 std::vector<std::string> command(std::vector<std::string> options)
 {
-    options.insert(options.begin(), {SANDBOX_PROGRAM, "--port", "0"});
+    if (std::find(options.begin(), options.end(), "--port") == options.end())
+        options.insert(options.begin(), {"--port", "0"});
+    options.insert(options.begin(), SANDBOX_PROGRAM);
     return options;
 }
 

@@ -37,7 +37,7 @@ std::string diagnostic(const Session &session);
 
 class Sandbox {
 public:
-    // Starts with --port 0 and these options, and waits until it is ready.
+    // Starts with these options, on a free port unless they name one, and waits until it is ready.
     explicit Sandbox(std::vector<std::string> options = {});
 
     const std::string &url() const
