@@ -278,7 +278,9 @@ std::string_view EventLines::event(const Event &event, Time received)
     values.put({"eventResult"}, event.result());
     if (json_)
         values.put({"kind"}, kind);
-    if (json_ || kind == "unknown")
+    if (event.tag() == EventTag::none)
+        values.put_nothing({"tag"});
+    else if (json_ || kind == "unknown")
         values.put({"tag"}, std::string_view(hex(event.tag())));
 
     const auto put_data = [&](const auto &data) {

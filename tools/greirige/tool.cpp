@@ -37,11 +37,12 @@ void Tool::prepare_to_reconnect()
     options_.connection.keep_answers = true;
 }
 
-void Tool::reconnect(long seconds)
+void Tool::reconnect(std::optional<long> seconds)
 {
     session_.reset();
     session_ = std::make_unique<Session>(options_.connection, options_.verbose);
-    session_->limit_waits(seconds);
+    if (seconds)
+        session_->limit_waits(*seconds);
     session_->open();
 }
 

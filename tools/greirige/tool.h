@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "greirige/session.hpp"
@@ -47,9 +48,9 @@ public:
 
     // Before the first use of the session: it can be made anew later.
     void prepare_to_reconnect();
-    // Connects, encrypts and binds again, with the same answers to what was asked at first, waiting
-    // no longer for anything than so many seconds. Throws a ConnectFailure.
-    void reconnect(long seconds);
+    // Connects, encrypts and binds again, with the same answers to what was asked at first. If there
+    // is a limit, waits no longer for anything than so many seconds. Throws a ConnectFailure.
+    void reconnect(std::optional<long> seconds);
 
     // For commands that wait with ldap_result() themselves (after ld()), at most a second at a
     // time, and look at interrupted() in between: a signal no longer ends what can be read from the

@@ -29,6 +29,7 @@ using Seconds = std::chrono::duration<double>;
 
 constexpr std::chrono::seconds first_delay = 1s;
 constexpr std::chrono::seconds longest_delay = 60s;
+constexpr double most_seconds = 1e9; // what a --timeout beyond a lifetime stands for
 
 struct Arguments {
     std::vector<std::string> events;
@@ -156,7 +157,6 @@ private:
     Result<EventStream> open_stream();
     Result<void> wait_for_an_answer();
     Ending ending(const Result<std::optional<Event>> &last);
-    void tell_notices();
     void come_back(std::string why);
     void pause_until(Clock::time_point end);
     void close_gap(Time now);
@@ -207,8 +207,9 @@ void Watch::begin()
     tool_.ld();
     stream_ = tool_.value(operation_, open_stream());
     Tool::handle_signals_itself();
-    if (arguments_.seconds && *arguments_.seconds < Seconds(std::chrono::hours(24 * 36500)).count())
-        deadline_ = opened_ + std::chrono::ceil<Clock::duration>(Seconds(*arguments_.seconds));
+    if (arguments_.seconds)
+        deadline_ = opened_ + std::chrono::ceil<Clock::duration>(
+                                  Seconds(std::min(*arguments_.seconds, most_seconds)));
     seen_ = Time::clock::now();
     tool_.say("registered to " + operation_.doing + " on " + tool_.server());
 }
@@ -240,10 +241,8 @@ ExitStatus Watch::follow()
             seen_ = received;
             ++count_;
             delay_ = first_delay;
-        } else {
-            tell_notices();
-            if (tool_.output.reader_is_gone())
-                throw ReaderGone();
+        } else if (tool_.output.reader_is_gone()) {
+            throw ReaderGone();
         }
     }
     return status();
@@ -292,7 +291,6 @@ Result<void> Watch::wait_for_an_answer()
 
 Ending Watch::ending(const Result<std::optional<Event>> &last)
 {
-    tell_notices();
     const std::optional<greirige::StreamEnd> &end = stream_->end_of_stream();
     if (!end)
         return {"the watch on " + tool_.server() +
@@ -309,26 +307,6 @@ Ending Watch::ending(const Result<std::optional<Event>> &last)
     return {text, end->rejected.empty() && may_pass(end->code), last && end->rejected.empty()};
 }
 
-// What the server says to nobody in particular, such as why it closes the connection.
-void Watch::tell_notices()
-{
-    LDAP *ld = tool_.ld();
-    for (;;) {
-        timeval at_once{};
-        LDAPMessage *message = nullptr;
-        if (ldap_result(ld, LDAP_RES_UNSOLICITED, LDAP_MSG_ONE, &at_once, &message) <= 0)
-            return;
-        LdapFailure said;
-        char *text = nullptr;
-        const int code =
-            ldap_parse_result(ld, message, &said.code, nullptr, &text, nullptr, nullptr, 1);
-        said.diagnostic = text != nullptr ? text : "";
-        ldap_memfree(text);
-        complain("notice from " + tool_.server() + ": " +
-                 describe(code == LDAP_SUCCESS ? said : last_failure(ld, code)));
-    }
-}
-
 // Makes a new connection and a new registration, as often as it takes.
 void Watch::come_back(std::string why)
 {
@@ -336,7 +314,6 @@ void Watch::come_back(std::string why)
         delay_ = first_delay;
     if (!gap_)
         gap_ = Gap{seen_, why};
-    stream_.reset();
     while (!over()) {
         complain(why + "; trying again in " + counted(delay_.count(), "second"));
         pause_until(Clock::now() + delay_);
@@ -344,10 +321,14 @@ void Watch::come_back(std::string why)
             return;
         delay_ = std::min(2 * delay_, longest_delay);
         const auto left = std::chrono::ceil<std::chrono::seconds>(deadline_ - Clock::now());
+        stream_.reset(); // before the session that it belongs to
+        Result<void> answered;
         try {
-            tool_.reconnect(left.count());
+            tool_.reconnect(arguments_.seconds ? std::optional<long>(left.count()) : std::nullopt);
             stream_ = tool_.value(operation_, open_stream());
-            tool_.check(operation_, wait_for_an_answer());
+            answered = wait_for_an_answer();
+            if (!answered && answered.error().code == LDAP_TIMEOUT)
+                tool_.check(operation_, answered);
         } catch (const ConnectFailure &failure) {
             if (failure.final)
                 throw;
@@ -359,7 +340,8 @@ void Watch::come_back(std::string why)
         }
         Tool::handle_signals_itself();
         seen_ = Time::clock::now();
-        complain("watching again on " + tool_.server());
+        if (answered) // else the stream may hold events all the same, before its end
+            complain("watching again on " + tool_.server());
         return;
     }
 }
