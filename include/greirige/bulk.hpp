@@ -383,6 +383,8 @@ inline bool read_failed_updates(const berval &value, std::vector<FailedUpdate> &
         if (element.unread() > 0) {
             Reader result(element.content());
             update.code = result.number();
+            if (update.code == LDAP_SUCCESS)
+                update.code = LDAP_OTHER; // it is listed, so it has failed
             update.matched_dn = result.any_string();
             update.message = result.any_string();
             if (!result.ok())

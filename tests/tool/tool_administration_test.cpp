@@ -384,6 +384,15 @@ TEST_F(SetFilter, takes_lines_of_a_file_or_of_standard_input)
     EXPECT_EQ(sent({"-f", "-"}, options), "a$b$$c$$$");
 }
 
+TEST_F(SetFilter, refuses_a_zero_byte_from_a_file)
+{
+    ProcessOptions options = isolated();
+    options.stdin_text = std::string("a b\0c\n", 6);
+    EXPECT_EQ(greirige({"-n", "filter", "set", server, "-f", "-"}, options).err,
+              "greirige: \"b\\00c\": a name in a filter cannot hold a zero byte\n");
+    EXPECT_EQ(greirige({"-n", "filter", "set", server, "--raw", "-f", "-"}, options).status, 2);
+}
+
 TEST_F(SetFilter, takes_flat_text)
 {
     EXPECT_EQ(sent({"--raw", "inetOrgPerson$cn$sn$$group$$$"}), "inetOrgPerson$cn$sn$$group$$$");

@@ -62,6 +62,8 @@ std::string unescaped(const std::string &word)
     }
     if (name.find('$') != std::string::npos)
         throw UsageError(in_quotes(word) + ": a name in a filter cannot hold a $");
+    if (name.find('\0') != std::string::npos) // from a file
+        throw UsageError(in_quotes(word) + ": a name in a filter cannot hold a zero byte");
     return name;
 }
 
