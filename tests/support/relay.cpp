@@ -229,9 +229,9 @@ struct DelayingRelay::State {
                       !pass(connection.answers, answers_left);
             }
             if (cut) {
-                connections.clear();
+                was_cut = true; // before anybody can notice
                 requests_left = answers_left = never;
-                was_cut = true;
+                connections.clear();
             }
             connections.remove_if([](const Connection &each) { return each.is_over(); });
         }

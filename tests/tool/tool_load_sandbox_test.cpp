@@ -552,7 +552,7 @@ TEST(Journal, keeps_the_file_of_rejects_in_step)
     const Case one(5);
     const std::string nobody =
         change("nobody", one.top(), "modify\nadd: description\ndescription: x\n-");
-    write_file(one.file("a.ldif"), read_file(one.file("a.ldif")) + nobody);
+    write_file(one.file("a.ldif"), nobody + read_file(one.file("a.ldif")) + nobody);
     const Arguments arguments{"-c", "-S", "r", "--batch", "4", "--journal", "j", "a.ldif"};
     EXPECT_EQ(one.load(arguments).status, 4);
     const std::string rejects = read_file(one.file("r"));
@@ -570,6 +570,19 @@ TEST(Journal, keeps_the_file_of_rejects_in_step)
     const Finished last = one.load(arguments);
     EXPECT_EQ(last.status, 0) << last.err;
     EXPECT_EQ(read_file(one.file("r")), rejects);
+
+    // A file that somebody is correcting is not touched; another one may take its place.
+    write_file(one.file("j"), journal);
+    const std::string corrected = replaced(rejects, "nobody", "somebody");
+    write_file(one.file("r"), corrected);
+    const Finished refused = one.load(arguments);
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_EQ(refused.err,
+              "greirige: -S \"r\": the file was changed since the load was interrupted "
+              "(-S with another file goes on)\n");
+    EXPECT_EQ(read_file(one.file("r")), corrected);
+    EXPECT_EQ(one.load({"-c", "-S", "r2", "--batch", "4", "--journal", "j", "a.ldif"}).status, 4);
+    EXPECT_TRUE(read_file(one.file("r2")).ends_with("\n" + nobody));
 }
 
 TEST(Journal, belongs_to_one_load)

@@ -142,6 +142,11 @@ public:
 private:
     Operation operation() const;
     void check_files() const;
+    // A load with this journal has been completed; nothing of it waits for another attempt.
+    bool is_finished() const
+    {
+        return journal_ && journal_->state().finished && journal_->state().failed.empty();
+    }
     void open_journal();
     void pass_over_what_is_done();
     void start();
@@ -263,7 +268,7 @@ ExitStatus Load::run()
     bool was_interrupted = false;
     try {
         pass_over_what_is_done();
-        if (journal_ && journal_->state().finished && pending_.empty()) {
+        if (is_finished()) {
             complete_ = true;
         } else {
             start();
@@ -308,8 +313,8 @@ void Load::open_journal()
     if (!arguments_.journal.empty())
         journal_.emplace(arguments_.journal,
                          LoadJournal::Load{tool_.server(), names_, arguments_.start_line});
-    if (!arguments_.rejects.empty())
-        rejects_.emplace(arguments_.rejects, journal_ ? journal_->state().rejects_size : 0);
+    if (!arguments_.rejects.empty() && !is_finished())
+        rejects_.emplace(arguments_.rejects, journal_ ? journal_->state().rejects : Written());
 }
 
 // Finds the place where the load was interrupted, and sees that the input is still the same.
@@ -598,7 +603,7 @@ void Load::take_outcomes()
         for (Item &item : group.items)
             take_outcome(item, outcome);
         if (rejects_)
-            outcome.rejects_size = rejects_->sync();
+            outcome.rejects = rejects_->sync();
         if (journal_)
             journal_->done(group.journal_id, outcome);
         under_way_.pop_front();

@@ -57,16 +57,19 @@ void sync_directory_of(const std::string &path)
 
 } // namespace
 
-// FNV-1a, which finds changes that nobody makes on purpose.
-std::uint64_t hash_of(std::uint64_t ordinal, const std::string &text)
+std::uint64_t hash_of(std::string_view bytes, std::uint64_t before)
 {
     constexpr std::uint64_t prime = 0x100000001b3;
-    std::uint64_t hash = 0xcbf29ce484222325;
-    for (int byte = 0; byte < 8; ++byte)
-        hash = (hash ^ (ordinal >> (8 * byte) & 0xff)) * prime;
-    for (const char c : text)
-        hash = (hash ^ static_cast<unsigned char>(c)) * prime;
-    return hash;
+    for (const char c : bytes)
+        before = (before ^ static_cast<unsigned char>(c)) * prime;
+    return before;
+}
+
+std::uint64_t hash_of(std::uint64_t ordinal, const std::string &text)
+{
+    std::array<char, sizeof ordinal> number{};
+    std::memcpy(number.data(), &ordinal, sizeof ordinal);
+    return hash_of(text, hash_of({number.data(), number.size()}));
 }
 
 LoadJournal::LoadJournal(std::string path, const Load &load) : path_(std::move(path))
@@ -176,7 +179,8 @@ void LoadJournal::take(const Json &line, const Load &load, bool first)
         for (const std::uint64_t ordinal : ordinals_of(line.value("rejected", Json::array())))
             state_.rejected.insert(ordinal);
         state_.hash += line.at("hash").get<std::uint64_t>();
-        state_.rejects_size = line.at("rejectsSize").get<std::uint64_t>();
+        state_.rejects = {line.at("rejectsSize").get<std::uint64_t>(),
+                          line.at("rejectsHash").get<std::uint64_t>()};
         state_.finished = false;
     } else if (line.contains("finished")) {
         state_.finished = true;
@@ -214,7 +218,10 @@ std::uint64_t LoadJournal::sent(const Ordinals &records, std::uint64_t hash,
 
 void LoadJournal::done(std::uint64_t group, const Outcome &outcome)
 {
-    Json line{{"done", group}, {"hash", outcome.hash}, {"rejectsSize", outcome.rejects_size}};
+    Json line{{"done", group},
+              {"hash", outcome.hash},
+              {"rejectsSize", outcome.rejects.size},
+              {"rejectsHash", outcome.rejects.hash}};
     if (!outcome.failed.empty())
         line["failed"] = ranges_of(outcome.failed);
     if (!outcome.rejected.empty())

@@ -16,6 +16,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "output.h"
@@ -24,8 +25,18 @@ namespace tool {
 
 using Ordinals = std::vector<std::uint64_t>;
 
+// A hash that finds changes that nobody makes on purpose (FNV-1a); what comes after it goes on from
+// it.
+constexpr std::uint64_t hash_of_nothing = 0xcbf29ce484222325;
+std::uint64_t hash_of(std::string_view bytes, std::uint64_t before = hash_of_nothing);
 // Of a record's number and text. Sums of them do not depend on the order.
 std::uint64_t hash_of(std::uint64_t ordinal, const std::string &text);
+
+// What a file held when it was last written.
+struct Written {
+    std::uint64_t size = 0;
+    std::uint64_t hash = hash_of_nothing;
+};
 
 class LoadJournal {
 public:
@@ -43,7 +54,7 @@ public:
         std::uint64_t in_doubt_hash = 0;      // the sum over these
         std::set<std::uint64_t> failed;       // and not in the file of rejects: to be tried again
         std::set<std::uint64_t> rejected;     // failed, and in the file of rejects
-        std::uint64_t rejects_size = 0;       // of that file
+        Written rejects;                      // of that file
         std::map<std::uint64_t, Json> before; // what was noted when a record in doubt was sent
         bool resumed = false;                 // there was a journal
         bool finished = false;                // with nothing left to do
@@ -52,7 +63,7 @@ public:
         Ordinals failed;
         Ordinals rejected;
         std::uint64_t hash = 0; // the sum over those that succeeded
-        std::uint64_t rejects_size = 0;
+        Written rejects;
     };
 
     // Reads the journal that is there, or begins one. Throws a Failure when it belongs to another

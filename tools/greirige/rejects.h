@@ -8,20 +8,23 @@
 #include <string>
 
 #include "ldif_reader.h"
+#include "load_journal.h"
 
 namespace tool {
 
 class Rejects {
 public:
-    // Keeps so many bytes of a file that is there; the rest is of no use. Throws a UsageError when
-    // it cannot be written.
-    Rejects(std::string path, std::uint64_t keep);
+    // Of a file that is there, keeps what an earlier run has written and noted; the rest, which may
+    // be written again, goes. Throws a UsageError when the file cannot be written, or holds
+    // something else than what was noted.
+    Rejects(std::string path, const Written &noted);
 
     void write(const LdifRecord &record, const std::string &reason);
-    // All that was written is on the disk now; so many bytes.
-    std::uint64_t sync();
+    // All that was written is on the disk now.
+    Written sync();
 
 private:
+    void find(const Written &noted);
     [[noreturn]] void fail() const;
 
     struct Close {
@@ -32,7 +35,7 @@ private:
     };
     std::string path_;
     std::unique_ptr<std::FILE, Close> file_;
-    std::uint64_t size_ = 0;
+    Written written_;
 };
 
 } // namespace tool
