@@ -108,8 +108,9 @@ struct BulkFailure {
 struct BulkSummary {
     std::uint64_t submitted = 0; // updates taken over from the caller
     std::uint64_t answered = 0;  // of these, the first so many have had their outcome told
-    std::uint64_t failed = 0;    // of these, so many failed
-    std::uint64_t batches = 0;   // sent, those included that stand in for refused ones
+    // Failures told: those of answered updates, and of any that the server names besides.
+    std::uint64_t failed = 0;
+    std::uint64_t batches = 0; // sent, those included that stand in for refused ones
 
     friend bool operator==(const BulkSummary &, const BulkSummary &) = default;
 };

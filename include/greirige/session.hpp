@@ -397,8 +397,8 @@ public:
     // ---- Backup and restore of one object.
 
     // Takes an object out of the server. A later backup passes the state of the one before; the
-    // first has none. LDAPX_ENCODING_ERROR for a state that is not of the form of Backup::state or
-    // has a zero in it, LDAPX_DECODING_ERROR for an answer with negative sizes.
+    // first has none. LDAPX_ENCODING_ERROR for a state without two marks as in Backup::state, or
+    // with a mark of zero, LDAPX_DECODING_ERROR for an answer with negative sizes.
     // LDAPX_NOT_SUPPORTED where there was no response of the right name for whatever reason, a
     // refusal without a name or a connection that is gone among them. The same holds for a restore.
     Result<Backup> backup_object(std::string_view dn, Password password,

@@ -48,8 +48,8 @@ public:
 
     // Before the first use of the session: it can be made anew later.
     void prepare_to_reconnect();
-    // Connects, encrypts and binds again, with the same answers to what was asked at first. If there
-    // is a limit, waits no longer for anything than so many seconds. Throws a ConnectFailure.
+    // Connects, encrypts and binds again, with the same answers to what was asked at first. If
+    // there is a limit, waits no longer for anything than so many seconds. Throws a ConnectFailure.
     void reconnect(std::optional<long> seconds);
 
     // For commands that wait with ldap_result() themselves (after ld()), at most a second at a
