@@ -99,13 +99,13 @@ Course watch_a_million(const Arguments &format)
 TEST(MillionEvents, as_json_leave_the_memory_flat)
 {
     const Course course = watch_a_million({"--json"});
-    EXPECT_LE(course.after_1_000_000, course.after_100_000 + 1024);
+    EXPECT_LE(course.after_1_000_000, course.after_100_000 + 128);
 }
 
 TEST(MillionEvents, as_text_leave_the_memory_flat)
 {
     const Course course = watch_a_million({});
-    EXPECT_LE(course.after_1_000_000, course.after_100_000 + 1024);
+    EXPECT_LE(course.after_1_000_000, course.after_100_000 + 128);
 }
 
 } // namespace
