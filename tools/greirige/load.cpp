@@ -19,8 +19,8 @@
 #include "greirige/bulk.hpp"
 
 #include "in_doubt.h"
-#include "ldif_reader.h"
 #include "ldif_update.h"
+#include "load_input.h"
 #include "load_journal.h"
 #include "progress.h"
 #include "rejects.h"
@@ -104,13 +104,9 @@ bool are_one_file(const std::string &a, const std::string &b)
 }
 
 // A record on its way.
-struct Item {
-    LdifRecord record;
-    std::uint64_t ordinal = 0;
-    std::uint64_t hash = 0;
+struct Item : NumberedRecord {
     std::optional<Update> update = std::nullopt; // nothing where the record cannot be read
-    bool in_doubt = false;                       // it was sent before the load was interrupted
-    bool found_done = false;                     // and had been carried out
+    bool found_done = false;                     // in doubt, and had been carried out
     Json before = {};                            // of an increment
     NamesUnderWay::Names names = {};
     int code = LDAP_SUCCESS;
@@ -129,8 +125,8 @@ struct Group {
 class Load {
 public:
     Load(Tool &tool, const Arguments &arguments)
-        : tool_(tool), arguments_(arguments), reader_(arguments.files, arguments.start_line),
-          progress_(reader_.size())
+        : tool_(tool), arguments_(arguments), input_(arguments.files, arguments.start_line),
+          progress_(input_.size())
     {
         for (const std::string &file : arguments_.files)
             names_.push_back(file == "-" ? "standard input" : file);
@@ -178,7 +174,7 @@ private:
     Tool &tool_;
     const Arguments &arguments_;
     std::vector<std::string> names_; // of the input files
-    LdifReader reader_;
+    LoadInput input_;
     Progress progress_;
     std::optional<LoadJournal> journal_;
     std::optional<Rejects> rejects_;
@@ -186,10 +182,7 @@ private:
     long time_limit_ = -1;                 // of the session, in seconds
     std::optional<Clock::time_point> end_; // of the patience after a signal
 
-    std::deque<LdifRecord> pending_; // sent or failed before the load was interrupted
-    std::deque<std::uint64_t> pending_ordinals_;
     std::optional<Item> held_back_; // for the next group
-    std::uint64_t next_ordinal_ = 0;
     NamesUnderWay names_under_way_;
     Group gathering_;
     std::deque<Group> under_way_;
@@ -202,9 +195,8 @@ private:
     std::optional<std::uint64_t> first_failure_;
     std::uint64_t loaded_after_failure_ = 0;
     std::uint64_t failed_after_failure_ = 0;
-    std::optional<LdifPlace> bad_place_;  // of what could not be read
-    std::optional<LdifPlace> after_last_; // where the next record begins, or before it
-    std::string trouble_;                 // why the load ended early, if not by a failed record
+    std::optional<LdifPlace> bad_place_; // of what could not be read
+    std::string trouble_;                // why the load ended early, if not by a failed record
     std::uint64_t position_ = 0;
     Clock::time_point begin_ = Clock::now();
     double waited_ = 0; // seconds
@@ -228,12 +220,12 @@ ExitStatus Load::check()
 {
     for (;;) {
         try {
-            const auto record = reader_.next();
-            if (!record)
+            const auto next = input_.next();
+            if (!next)
                 break;
             ++counts_.records;
-            counts_.add(read_update(*record));
-            progress_.show(counts_.records, record->position);
+            counts_.add(read_update(next->record));
+            progress_.show(counts_.records, next->record.position);
         } catch (const LdifError &error) {
             ++counts_.failed;
             complain_about(error.place, error.what());
@@ -317,41 +309,14 @@ void Load::open_journal()
         rejects_.emplace(arguments_.rejects, journal_ ? journal_->state().rejects : Written());
 }
 
-// Finds the place where the load was interrupted, and sees that the input is still the same.
 void Load::pass_over_what_is_done()
 {
     if (!journal_)
         return;
+    const LoadInput::Passed passed = input_.pass_over_what_is_done(*journal_);
+    resumed_after_ = passed.records;
+    position_ = passed.position;
     const LoadJournal::State &state = journal_->state();
-    std::uint64_t hash = 0;
-    std::uint64_t hash_in_doubt = 0;
-    bool same = true;
-    for (; same && next_ordinal_ < state.next; ++next_ordinal_) {
-        auto record = reader_.next();
-        same = record.has_value();
-        if (!same)
-            break;
-        const bool in_doubt = state.in_doubt.contains(next_ordinal_);
-        const bool failed = state.failed.contains(next_ordinal_);
-        if (in_doubt)
-            hash_in_doubt += hash_of(next_ordinal_, record->text);
-        else if (!failed && !state.rejected.contains(next_ordinal_))
-            hash += hash_of(next_ordinal_, record->text);
-        if (in_doubt || failed) {
-            pending_.push_back(*std::move(record));
-            pending_ordinals_.push_back(next_ordinal_);
-        } else {
-            position_ = record->position;
-            ++resumed_after_;
-        }
-    }
-    if (!same || hash != state.hash || hash_in_doubt != state.in_doubt_hash)
-        throw Failure(ExitStatus::failed,
-                      "--journal " + in_quotes(journal_->path()) +
-                          ": the input has changed where it was loaded already (among its first " +
-                          records_of(state.next) +
-                          "): nothing was sent. Only records that failed and those after them can "
-                          "be changed between two runs");
     if (state.resumed)
         tool_.say("resuming after " + records_of(resumed_after_) + ", " +
                   grouped(state.in_doubt.size()) + " are in doubt, " +
@@ -390,26 +355,11 @@ std::optional<Item> Load::next_item()
 {
     if (held_back_)
         return std::exchange(held_back_, std::nullopt);
+    auto next = input_.next();
+    if (!next)
+        return std::nullopt;
     Item item;
-    if (!pending_.empty()) {
-        item.record = std::move(pending_.front());
-        item.ordinal = pending_ordinals_.front();
-        item.in_doubt = journal_->state().in_doubt.contains(item.ordinal);
-        pending_.pop_front();
-        pending_ordinals_.pop_front();
-    } else {
-        auto record = reader_.next();
-        if (!record)
-            return std::nullopt;
-        item.record = *std::move(record);
-        item.ordinal = next_ordinal_++;
-        after_last_ = item.record.place;
-        after_last_->line = item.record.first_line +
-                            static_cast<std::uint64_t>(
-                                std::count(item.record.text.begin(), item.record.text.end(), '\n'));
-    }
-    if (journal_)
-        item.hash = hash_of(item.ordinal, item.record.text);
+    static_cast<NumberedRecord &>(item) = *std::move(next);
     return item;
 }
 
@@ -756,16 +706,8 @@ void Load::say_how_to_go_on()
         place = gathering_.items.front().record.place;
     else if (held_back_)
         place = held_back_->record.place;
-    else if (bad_place_)
-        place = bad_place_;
-    else if (interrupted())
-        place = after_last_;
     else
-        try {
-            if (const auto record = reader_.next())
-                place = record->place;
-        } catch (const std::exception &) { // the next run will say it
-        }
+        place = bad_place_ ? bad_place_ : input_.place_of_next();
     if (place && *place->file == names_.front())
         complain("-j " + std::to_string(place->line) +
                  " goes on there (a load with --journal can be resumed)");
