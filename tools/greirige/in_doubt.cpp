@@ -78,7 +78,7 @@ std::string parent_of(const std::string &name)
         return {};
     char *text = nullptr;
     ldap_dn2str(dn + 1, &text, LDAP_DN_FORMAT_LDAPV3);
-    const std::string parent = text != nullptr ? text : "";
+    std::string parent = text != nullptr ? text : "";
     ldap_memfree(text);
     ldap_dnfree(dn);
     return parent;
@@ -129,6 +129,7 @@ public:
                                      int *code = nullptr)
     {
         std::vector<char *> wanted;
+        wanted.reserve(attributes.size() + 2);
         for (const std::string &attribute : attributes)
             wanted.push_back(const_cast<char *>(attribute.c_str()));
         if (wanted.empty())
@@ -266,6 +267,7 @@ bool done(LDAP *ld, const ModifyEntry &modify)
 {
     const auto all = left_by(modify);
     std::vector<std::string> names;
+    names.reserve(all.size());
     for (const auto &[key, left] : all)
         names.push_back(left.attribute);
     const auto entry = Entry::read(ld, modify.dn, names);
@@ -339,7 +341,7 @@ bool NamesUnderWay::conflicts(const Update &update) const
         if (names_.contains(name) || (name.empty() && !names_.empty()))
             return true;
         // Something above it is being moved or removed.
-        for (std::size_t end = name.find('\0'); !subtrees_.empty() && end != name.npos;
+        for (std::size_t end = name.find('\0'); !subtrees_.empty() && end != std::string::npos;
              end = name.find('\0', end + 1))
             if (subtrees_.contains(name.substr(0, end + 1)))
                 return true;

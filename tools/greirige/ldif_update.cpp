@@ -86,7 +86,7 @@ private:
     bool next_is(std::string_view name) const
     {
         const std::string_view text = at_end() ? std::string_view() : lines_[at_].text;
-        return same(text.substr(0, text.find(':')), name) && text.find(':') != text.npos;
+        return same(text.substr(0, text.find(':')), name) && text.find(':') != std::string::npos;
     }
     Pair take();
     // The line that must come now. No name and no URL holds a zero byte.
@@ -132,13 +132,13 @@ RecordReader::Pair RecordReader::take()
 {
     Line &line = lines_[at_++];
     const std::string_view text = line.text;
-    if (text.find('\0') != text.npos)
+    if (text.find('\0') != std::string::npos)
         fail("the line holds a zero byte (values that do are written in base64)");
     const std::size_t colon = text.find(':');
-    if (colon == text.npos || colon == 0)
+    if (colon == std::string::npos || colon == 0)
         fail("neither \"attribute: value\" nor a comment: " + in_quotes(text.substr(0, 60)));
     const std::string_view name = text.substr(0, colon);
-    if (name.find_first_of(" \t") != name.npos)
+    if (name.find_first_of(" \t") != std::string::npos)
         fail("the name of an attribute holds no blanks: " + in_quotes(name.substr(0, 60)));
     Pair pair{std::string(name), {}};
     check_value(text.substr(colon + 1), name);
@@ -196,7 +196,7 @@ std::string RecordReader::take_value(std::string_view name, const std::string &a
              in_quotes(lines_[at_ - 1].text.substr(0, 60)));
     }
     Pair pair = take();
-    if (pair.value.find('\0') != pair.value.npos)
+    if (pair.value.find('\0') != std::string::npos)
         fail("the value of " + wanted + " holds a zero byte");
     return pair.value;
 }
@@ -318,7 +318,7 @@ std::vector<Change> RecordReader::take_changes()
             fail("a change begins with add, delete, replace or increment, not with " +
                  in_quotes(head.name));
         change.attribute.name = head.value;
-        if (head.value.empty() || head.value.find('\0') != head.value.npos)
+        if (head.value.empty() || head.value.find('\0') != std::string::npos)
             fail("the change names no attribute");
         while (!at_end() && !at_separator()) {
             Pair pair = take();

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <ctime>
 #include <deque>
 #include <optional>
@@ -469,7 +470,7 @@ void Load::submit(Group &group)
             continue;
         const std::uint64_t before = load_->progress().submitted;
         wait_for([&]() -> greirige::Result<void> {
-            const auto taken = load_->submit(*item.update, item.ordinal);
+            auto taken = load_->submit(*item.update, item.ordinal);
             if (taken || (taken.error().code != LDAPX_PARAM_ERROR &&
                           taken.error().code != LDAPX_ENCODING_ERROR))
                 return taken;
@@ -661,7 +662,7 @@ void Load::report()
                       (journal_ && journal_->state().resumed
                            ? ", " + grouped(resumed_after_) + " had been dealt with before"
                            : ""));
-    tool_.say("the server was waited for " + std::to_string(static_cast<int>(100 * share + 0.5)) +
+    tool_.say("the server was waited for " + std::to_string(std::lround(100 * share)) +
               " % of the time");
 }
 
@@ -717,8 +718,8 @@ void Load::say_how_to_go_on()
 
 const CLI::Validator from_one_on(
     [](const std::string &text) {
-        const bool is_number = text.find_first_not_of("0123456789") == text.npos &&
-                               text.find_first_not_of('0') != text.npos;
+        const bool is_number = text.find_first_not_of("0123456789") == std::string::npos &&
+                               text.find_first_not_of('0') != std::string::npos;
         return is_number ? std::string() : in_quotes(text) + " is not a number from 1 on";
     },
     "");

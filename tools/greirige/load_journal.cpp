@@ -114,7 +114,8 @@ void LoadJournal::read(const Load &load)
         text.append(buffer.data(), static_cast<std::size_t>(got));
     }
     std::size_t begin = 0;
-    for (std::size_t end = 0; (end = text.find('\n', begin)) != text.npos; begin = end + 1) {
+    for (std::size_t end = 0; (end = text.find('\n', begin)) != std::string::npos;
+         begin = end + 1) {
         try {
             take(Json::parse(text.begin() + static_cast<std::ptrdiff_t>(begin),
                              text.begin() + static_cast<std::ptrdiff_t>(end)),

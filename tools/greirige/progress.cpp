@@ -1,6 +1,7 @@
 #include "progress.h"
 
 #include <array>
+#include <cmath>
 #include <cstdio>
 
 #include <unistd.h>
@@ -62,7 +63,7 @@ std::string duration(double seconds)
 {
     if (seconds < 9.95)
         return with_one_decimal(seconds) + " s";
-    const auto whole = static_cast<std::uint64_t>(seconds + 0.5);
+    const auto whole = static_cast<std::uint64_t>(std::llround(seconds));
     if (whole < 60)
         return std::to_string(whole) + " s";
     const std::string tail = two_digits(whole % 60);
