@@ -11,8 +11,9 @@
  *  - The return value is a result code: LDAP_SUCCESS (0), a code of the server or of the LDAP
  *    library unchanged, or one of the LDAPX_ codes below. Out-parameters are never cleared on
  *    failure: initialise them before the call. ldapx_err2string() gives the text of any code.
- *  - The synchronous functions block until the response has arrived (LDAP_OPT_TIMEOUT of the
- *    session bounds the wait) and never change the session's result code themselves.
+ *  - The synchronous functions block until the response has arrived and never change the session's
+ *    result code themselves. LDAP_OPT_TIMEOUT of the session bounds the wait for the response to
+ *    begin; only a limit of the socket (SO_RCVTIMEO) bounds the wait for the rest of it.
  *  - What the library allocates for the caller is released with ldapx_memfree(), unless a
  *    function names another release function.
  *

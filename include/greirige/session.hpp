@@ -282,8 +282,8 @@ inline Result<std::vector<FilterClass>> parse_filter(std::string_view text)
 // the LDAP * closes it, after the last call through any Session of it. Copy it freely.
 //
 // Every operation is one extended request (RFC 4511, 4.12). It blocks until the response has
-// arrived (the session's LDAP_OPT_TIMEOUT bounds the wait) and may be called from several threads
-// on different sessions. Common failures:
+// arrived (the session's LDAP_OPT_TIMEOUT bounds the wait for it to begin) and may be called from
+// several threads on different sessions. Common failures:
 //
 //   LDAPX_PARAM_ERROR       the session is a null pointer, or a string holds a zero byte, which
 //                           would end it there; nothing was sent
