@@ -131,11 +131,11 @@ struct BulkOptions {
 // A bulk update under way.
 //
 // It keeps a handle of its own on the session's connection, so it may outlive the Session and the
-// LDAP *. Every wait is bounded by the session's LDAP_OPT_TIMEOUT. An error of the connection, or
-// an answer that cannot be read, ends the load: every later call gives the same error, and
-// progress() tells which updates have had their outcome. A load that is destroyed before finish()
-// drops what it has not sent and does not wait for what it has: whether that was applied is then
-// unknown.
+// LDAP *. The session's LDAP_OPT_TIMEOUT bounds the wait for each answer to begin; only a limit of
+// the socket's own (SO_RCVTIMEO) ends a wait for the rest of one. An error of the connection, or an
+// answer that cannot be read, ends the load: every later call gives the same error, and progress()
+// tells which updates have had their outcome. A load that is destroyed before finish() drops what
+// it has not sent and does not wait for what it has: whether that was applied is then unknown.
 //
 // A signal that interrupts a wait gives LDAP_USER_CANCELLED (-8), a wait that lasts too long
 // LDAP_TIMEOUT (-5). Neither changes anything: the same call may be made again, and goes on where
@@ -256,6 +256,8 @@ private:
     void take(int operation, const Attribute &attribute)
     {
         Values &held = values_.emplace_back();
+        held.values.reserve(attribute.values.size());
+        held.pointers.reserve(attribute.values.size() + 1);
         for (const std::string &value : attribute.values)
             held.values.push_back(bytes(value));
         for (berval &value : held.values)
@@ -317,6 +319,7 @@ private:
     static std::vector<Element *> pointers_to(std::deque<Element> &elements)
     {
         std::vector<Element *> pointers;
+        pointers.reserve(elements.size() + 1);
         for (Element &element : elements)
             pointers.push_back(&element);
         pointers.push_back(nullptr);
@@ -538,6 +541,7 @@ struct BulkLoad::State {
         // list: each update that is not listed fails with the batch.
         std::vector<bool> listed(batch.operations.size());
         std::vector<std::pair<const Operation *, const detail::FailedUpdate *>> reports;
+        reports.reserve(failed.size());
         for (const detail::FailedUpdate &update : failed) {
             const std::size_t index = static_cast<std::size_t>(update.package) - 1;
             const bool known = update.package >= 1 && index < batch.operations.size();

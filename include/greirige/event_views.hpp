@@ -184,10 +184,10 @@ inline Bytes view_bytes(const char *data, std::size_t size)
 }
 inline std::vector<std::string_view> view(char *const *strings)
 {
-    std::vector<std::string_view> views;
-    for (; strings && *strings; ++strings)
-        views.emplace_back(*strings);
-    return views;
+    char *const *end = strings;
+    while (end && *end)
+        ++end;
+    return {strings, end};
 }
 inline std::optional<Connection> view(const EVT_ConnectionEventData *connection)
 {
@@ -233,6 +233,7 @@ inline DebugParameter view(const DB_Parameter &parameter)
         return {parameter.type, view(value.timeStamp)};
     case 7: {
         std::vector<TimeStamp> stamps;
+        stamps.reserve(value.timeStampVector.count);
         for (unsigned int i = 0; i < value.timeStampVector.count; ++i)
             stamps.push_back(view(value.timeStampVector.timeStamps[i]));
         return {parameter.type, std::move(stamps)};
@@ -242,9 +243,15 @@ inline DebugParameter view(const DB_Parameter &parameter)
     }
 }
 
+// How many a record lists: a negative count, which a server can send, lists none.
+inline std::size_t listed(int count)
+{
+    return count > 0 ? static_cast<std::size_t>(count) : 0;
+}
 inline std::vector<DebugParameter> view_parameters(const EVT_DebugInfo &record)
 {
     std::vector<DebugParameter> views;
+    views.reserve(listed(record.paramCount));
     for (int i = 0; i < record.paramCount; ++i)
         views.push_back(view(record.parameters[i]));
     return views;
@@ -252,6 +259,7 @@ inline std::vector<DebugParameter> view_parameters(const EVT_DebugInfo &record)
 inline std::vector<Referral> view_referrals(const EVT_SEVInfo &record)
 {
     std::vector<Referral> views;
+    views.reserve(listed(record.referralCount));
     for (int i = 0; i < record.referralCount; ++i) {
         const EVT_ReferralAddress &referral = record.referrals[i];
         views.push_back({referral.type,

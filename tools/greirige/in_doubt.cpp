@@ -213,6 +213,7 @@ bool is_password(const std::string &attribute)
 bool done(LDAP *ld, const AddEntry &add)
 {
     std::vector<std::string> names;
+    names.reserve(add.attributes.size());
     for (const Attribute &attribute : add.attributes)
         names.push_back(attribute.name);
     const auto entry = Entry::read(ld, add.dn, names);

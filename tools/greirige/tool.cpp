@@ -86,7 +86,7 @@ void Tool::check(const Operation &operation, const greirige::Result<void> &resul
         fail(operation, describe(ld(), result.error()));
 }
 
-void Tool::fail(const Operation &operation, const std::string &why)
+void Tool::fail(const Operation &operation, const std::string &why) const
 {
     leave_if_interrupted();
     throw Failure(ExitStatus::failed, "cannot " + operation.doing + " on " + server() + ": " + why);

@@ -89,7 +89,7 @@ public:
 
 private:
     void get_consent(const Operation &operation) const;
-    [[noreturn]] void fail(const Operation &operation, const std::string &why);
+    [[noreturn]] void fail(const Operation &operation, const std::string &why) const;
 
     Options &options_;
     std::unique_ptr<Session> session_;

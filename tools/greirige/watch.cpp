@@ -74,6 +74,7 @@ std::string to_text(const std::vector<EventSpecifier> &events)
 std::vector<EventSpecifier> specifiers(const Arguments &arguments)
 {
     std::vector<EventSpecifier> events;
+    events.reserve(arguments.events.size());
     for (const std::string &word : arguments.events)
         events.push_back(*parse_specifier(word));
     if (events.empty())
@@ -269,6 +270,7 @@ Result<EventStream> Watch::open_stream()
     if (!arguments_.filter)
         return EventStream::open(tool_.session(), events);
     std::vector<greirige::FilteredEventSpecifier> filtered;
+    filtered.reserve(events.size());
     for (const auto &[type, status] : events)
         filtered.push_back({type, status, *arguments_.filter});
     return EventStream::open_filtered(tool_.session(), filtered);
