@@ -31,6 +31,8 @@
 namespace {
 
 using namespace std::chrono_literals;
+using sandbox_test::admin_dn;
+using sandbox_test::base;
 using sandbox_test::Sandbox;
 using Attributes = std::vector<std::pair<std::string, std::vector<std::string>>>;
 
@@ -98,8 +100,7 @@ public:
         const std::string parent = new_parent();
         const std::string file = write(parent);
         note(name, seconds_for([&] {
-                 run({"ldapadd", "-x", "-H", url, "-D", sandbox_.admin_dn(), "-w", "secret", "-f",
-                      file});
+                 run({"ldapadd", "-x", "-H", url, "-D", admin_dn, "-w", "secret", "-f", file});
              }));
     }
 
@@ -109,8 +110,8 @@ public:
         const std::string file = write(parent);
         std::string summary;
         note(name, seconds_for([&] {
-                 summary = run({TOOL_PROGRAM, "-x", "-H", url, "-D", sandbox_.admin_dn(), "-w",
-                                "secret", "--json", "load", file})
+                 summary = run({TOOL_PROGRAM, "-x", "-H", url, "-D", admin_dn, "-w", "secret",
+                                "--json", "load", file})
                                .out;
              }));
         const auto json = nlohmann::json::parse(summary);
@@ -128,8 +129,7 @@ public:
         std::vector<Person> everybody;
         for (int number = 0; number < people_; ++number)
             everybody.push_back(person(parent, number));
-        const auto session =
-            sandbox_test::connect(sandbox_.slapd_url(), sandbox_.admin_dn(), "secret");
+        const auto session = sandbox_test::connect(sandbox_.slapd_url(), admin_dn, "secret");
         note(name, seconds_for([&] {
                  int under_way = 0;
                  for (Person &each : everybody) {
@@ -189,7 +189,7 @@ private:
     std::string new_parent()
     {
         const std::string name = "contest" + std::to_string(++parents_);
-        std::string dn = "ou=" + name + ',' + sandbox_.base();
+        std::string dn = "ou=" + name + ',' + base;
         const support::Finished finished = sandbox_.client_as_admin(
             "ldapadd", {}, "dn: " + dn + "\nobjectClass: organizationalUnit\nou: " + name + '\n');
         if (finished.status != 0)

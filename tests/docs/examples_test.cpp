@@ -8,16 +8,16 @@
 
 #include <fstream>
 
+using sandbox_test::admin_dn;
+using sandbox_test::base;
 using sandbox_test::Sandbox;
+using sandbox_test::server1;
 using support::Child;
 using support::Finished;
 using testing::HasSubstr;
 using testing::StartsWith;
 
 namespace {
-
-const std::string base = "dc=example,dc=com";
-const std::string server = "cn=server1,ou=servers," + base;
 
 Sandbox &sandbox()
 {
@@ -36,7 +36,7 @@ std::vector<std::string> command(const std::string &program,
 support::ProcessOptions as_admin()
 {
     return {.environment = {{"LDAPURI", sandbox().url()},
-                            {"LDAPBINDDN", sandbox().admin_dn()},
+                            {"LDAPBINDDN", admin_dn},
                             {"BIND_PASSWORD", "secret"},
                             {"BACKUP_PASSWORD", "between us"}},
             .unset = {"LDAPNOINIT", "START_TLS"}};
@@ -66,7 +66,7 @@ std::vector<std::string> good_arguments(const std::string &program)
         return {"backup", base, "/nowhere/file"};
     if (program == "audit_privileges")
         return {"", base, "1", "cn"};
-    return {server};
+    return {server1};
 }
 
 TEST(EveryExample, tells_its_usage)
@@ -103,7 +103,7 @@ TEST(EveryExample, ends_with_3_where_it_cannot_bind_encrypt_or_connect)
 TEST(ListReplicas, shows_type_and_partition_from_cpp_and_from_c)
 {
     for (const std::string program : {"list_replicas", "list_replicas_c"}) {
-        const Finished listed = run(program, {server});
+        const Finished listed = run(program, {server1});
         EXPECT_EQ(listed.status, 0) << listed.err;
         EXPECT_EQ(listed.out, "master\t" + base + "\n");
         EXPECT_EQ(listed.err, "");
@@ -129,7 +129,7 @@ TEST(WatchEvents, shows_each_event_until_its_time_is_over)
         } catch (const std::exception &) {
         }
     }
-    EXPECT_THAT(line, StartsWith("5 entry result=0 perpetrator_dn=\"" + sandbox().admin_dn() +
+    EXPECT_THAT(line, StartsWith("5 entry result=0 perpetrator_dn=\"" + admin_dn +
                                  "\" entry_dn=\"" + base + "\""));
 
     const Finished quiet = run("watch_events", {"0", "5"});

@@ -112,7 +112,7 @@ TEST(Guide, shows_sessions_that_run_as_shown)
     support::ProcessOptions options{
         .environment = {{"PATH", EXAMPLES + std::string(":") + std::getenv("PATH")},
                         {"LDAPURI", sandbox.url()},
-                        {"LDAPBINDDN", sandbox.admin_dn()},
+                        {"LDAPBINDDN", sandbox_test::admin_dn},
                         {"BIND_PASSWORD", "secret"}},
         .unset = {"LDAPNOINIT", "START_TLS"},
         .directory = directory.path()};

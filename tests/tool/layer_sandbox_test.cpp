@@ -14,16 +14,16 @@
 
 using namespace greirige;
 using namespace std::chrono_literals;
+using sandbox_test::admin_dn;
+using sandbox_test::base;
+using sandbox_test::engineering;
+using sandbox_test::people;
 using sandbox_test::Sandbox;
 using sandbox_test::search;
+using sandbox_test::server1;
+using sandbox_test::server2;
 
 namespace {
-
-const std::string base = "dc=example,dc=com";
-const std::string people = "ou=people," + base;
-const std::string engineering = "ou=engineering," + people;
-const std::string server1 = "cn=server1,ou=servers," + base;
-const std::string server2 = "cn=server2,ou=servers," + base;
 
 Sandbox &sandbox()
 {
@@ -160,7 +160,7 @@ TEST_F(Layer, sets_and_reads_the_replication_filter_as_a_list_and_as_text)
 
 TEST_F(Layer, tells_the_identity)
 {
-    EXPECT_EQ(session.bind_dn().value(), sandbox().admin_dn());
+    EXPECT_EQ(session.bind_dn().value(), admin_dn);
     const sandbox_test::Session nobody = sandbox().anonymous();
     EXPECT_EQ(Session(nobody.get()).bind_dn().value(), "");
 }
@@ -278,7 +278,7 @@ TEST_F(Layer, streams_events_as_they_happen)
     const auto *entry = (*first)->get_if<EntryEvent>();
     ASSERT_NE(entry, nullptr);
     EXPECT_EQ(entry->entry_dn, unit("seen"));
-    EXPECT_EQ(entry->perpetrator_dn, sandbox().admin_dn());
+    EXPECT_EQ(entry->perpetrator_dn, admin_dn);
     for (const Result<Event> &event : stream->until(EventStream::Clock::now() + 10s)) {
         ASSERT_TRUE(event) << why(event);
         EXPECT_EQ(event->type(), entry_delete);

@@ -72,7 +72,7 @@ int Sandbox::port() const
 
 std::string Sandbox::somebody() const
 {
-    return search(anonymous(), base(), "(employeeNumber=10020)").at(0);
+    return search(anonymous(), base, "(employeeNumber=10020)").at(0);
 }
 
 std::string Sandbox::slapd_url() const
@@ -93,7 +93,7 @@ Finished Sandbox::client(const std::string &program, std::vector<std::string> ar
 Finished Sandbox::client_as_admin(const std::string &program, std::vector<std::string> arguments,
                                   const std::string &input) const
 {
-    arguments.insert(arguments.begin(), {"-D", admin_dn(), "-w", "secret"});
+    arguments.insert(arguments.begin(), {"-D", admin_dn, "-w", "secret"});
     return client(program, std::move(arguments), input);
 }
 
@@ -139,14 +139,14 @@ bool is_alive(pid_t process)
     return std::getline(stat, line) && line.at(line.rfind(')') + 2) != 'Z';
 }
 
-std::vector<std::string> search(const Session &session, const std::string &base,
+std::vector<std::string> search(const Session &session, const std::string &below,
                                 const std::string &filter, const std::string &attribute)
 {
     std::string name = attribute.empty() ? LDAP_NO_ATTRS : attribute;
     char *attributes[] = {name.data(), nullptr};
     LDAPMessage *all = nullptr;
     const int code =
-        ldap_search_ext_s(session.get(), base.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(),
+        ldap_search_ext_s(session.get(), below.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(),
                           attributes, 0, nullptr, nullptr, nullptr, LDAP_NO_LIMIT, &all);
     const std::unique_ptr<LDAPMessage, int (*)(LDAPMessage *)> owner(all, ldap_msgfree);
     if (code != LDAP_SUCCESS)

@@ -3,7 +3,7 @@
 //     static Sandbox &sandbox = *new Sandbox();        // one for a whole program
 //     Session admin = sandbox.admin();
 //     ldap_split_partition(admin.get(), dn, 0);
-//     Finished found = sandbox.client("ldapsearch", {"-b", sandbox.base()});
+//     Finished found = sandbox.client("ldapsearch", {"-b", base});
 //
 // Its temporary directory lies in one of the fixture's own, so a test can look inside, and can
 // see that nothing is left there afterwards.
@@ -35,6 +35,16 @@ Session connect(const std::string &url, const std::string &dn = {},
 // The text that a session's last failed operation brought.
 std::string diagnostic(const Session &session);
 
+// Names in the sample tree.
+inline const std::string base = "dc=example,dc=com";
+inline const std::string admin_dn = "cn=admin," + base;
+inline const std::string people = "ou=people," + base;
+inline const std::string engineering = "ou=engineering," + people;
+inline const std::string sales = "ou=sales," + people;
+inline const std::string server1 = "cn=server1,ou=servers," + base;
+inline const std::string server2 = "cn=server2,ou=servers," + base;
+inline const std::string server3 = "cn=server3,ou=servers," + base;
+
 class Sandbox {
 public:
     // Starts with these options, on a free port unless they name one, and waits until it is ready.
@@ -45,14 +55,6 @@ public:
         return url_;
     }
     int port() const;
-    std::string base() const
-    {
-        return "dc=example,dc=com";
-    }
-    std::string admin_dn() const
-    {
-        return "cn=admin," + base();
-    }
     // A person with no rights beyond everybody's.
     std::string somebody() const;
     // Where its slapd listens, for whoever wants to reach it without the gateway.
@@ -60,7 +62,7 @@ public:
 
     Session admin() const
     {
-        return connect(url_, admin_dn(), "secret");
+        return connect(url_, admin_dn, "secret");
     }
     Session anonymous() const
     {
@@ -97,7 +99,7 @@ private:
 bool is_alive(pid_t process);
 
 // One attribute's values of every entry that is found, as "dn: value"; without attribute, the DNs.
-std::vector<std::string> search(const Session &session, const std::string &base,
+std::vector<std::string> search(const Session &session, const std::string &below,
                                 const std::string &filter, const std::string &attribute = {});
 
 } // namespace sandbox_test

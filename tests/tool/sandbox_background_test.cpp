@@ -23,8 +23,6 @@ Sandbox &sandbox()
 }
 
 const std::string processes = "cn=processes,cn=system";
-const std::string base = "dc=example,dc=com";
-const std::string server1 = "cn=server1,ou=servers," + base;
 
 struct Process {
     std::string name;
@@ -119,7 +117,7 @@ TEST(BackgroundProcesses, AnybodySeesTheTraceAndOnlyAdministratorsStartThem)
 TEST(BackgroundProcesses, ARequestValueIsAProtocolError)
 {
     RawClient client(sandbox().port());
-    client.send(simple_bind(1, sandbox().admin_dn(), "secret"));
+    client.send(simple_bind(1, admin_dn, "secret"));
     ASSERT_EQ(result_code(client.receive()), LDAP_SUCCESS);
     int id = 2;
     for (const Process &process : all) {

@@ -33,8 +33,6 @@ Sandbox &sandbox()
 }
 
 constexpr int entry_add = 1; // the number of the event
-const std::string base = "dc=example,dc=com";
-const std::string people = "ou=people," + base;
 
 struct Copy {
     int code = -1;

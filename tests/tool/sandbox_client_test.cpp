@@ -23,9 +23,6 @@ Sandbox &sandbox()
     return one;
 }
 
-const std::string base = "dc=example,dc=com";
-const std::string sales = "ou=sales,ou=people," + base;
-
 std::size_t count_of(const std::string &text, const std::string &word)
 {
     std::size_t count = 0;
@@ -51,7 +48,7 @@ std::pair<Finished, Finished> both_ways(const std::string &program,
 
 TEST(Clients, SeeTheSameWithAndWithoutTheGateway)
 {
-    const std::vector<std::string> admin = {"-D", sandbox().admin_dn(), "-w", "secret"};
+    const std::vector<std::string> admin = {"-D", admin_dn, "-w", "secret"};
     std::vector<std::vector<std::string>> searches = {
         {"-LLL", "-b", base},
         {"-LLL", "-b", base, "*", "+"},
@@ -147,8 +144,8 @@ TEST(Clients, ABinaryValueComesBackAsItWent)
 TEST(Clients, LearnWhoTheyAre)
 {
     EXPECT_EQ(sandbox().client("ldapwhoami", {}).out, "anonymous\n");
-    EXPECT_EQ(sandbox().client_as_admin("ldapwhoami", {}).out, "dn:" + sandbox().admin_dn() + "\n");
-    EXPECT_EQ(sandbox().client("ldapwhoami", {"-D", sandbox().admin_dn(), "-w", "wrong"}).status,
+    EXPECT_EQ(sandbox().client_as_admin("ldapwhoami", {}).out, "dn:" + admin_dn + "\n");
+    EXPECT_EQ(sandbox().client("ldapwhoami", {"-D", admin_dn, "-w", "wrong"}).status,
               LDAP_INVALID_CREDENTIALS);
     EXPECT_EQ(sandbox().client_as_admin("ldapexop", {"whoami"}).status, 0);
     EXPECT_NE(sandbox().client_as_admin("ldapexop", {"1.2.3.4.5"}).status, 0);
@@ -217,7 +214,7 @@ TEST(Clients, ManyAtOnceGetEachItsOwn)
     const auto start = [](const std::string &program, std::vector<std::string> arguments,
                           const std::string &input = {}) {
         arguments.insert(arguments.begin(), {"/usr/bin/" + program, "-x", "-H", sandbox().url(),
-                                             "-D", sandbox().admin_dn(), "-w", "secret"});
+                                             "-D", admin_dn, "-w", "secret"});
         return support::Child(arguments, {.stdin_text = input});
     };
     const std::string whole =

@@ -64,10 +64,6 @@ Sandbox &sandbox()
     return one;
 }
 
-const std::string base = "dc=example,dc=com";
-const std::string admin_dn = "cn=admin," + base;
-const std::string people = "ou=people," + base;
-
 std::string text(const char *string)
 {
     return string != nullptr ? string : "(null)";

@@ -24,10 +24,6 @@ Sandbox &sandbox()
     return one;
 }
 
-const std::string base = "dc=example,dc=com";
-const std::string server1 = "cn=server1,ou=servers," + base;
-const std::string server2 = "cn=server2,ou=servers," + base;
-
 int set(const Session &session, const std::string &server, const std::string &filter)
 {
     return ldap_set_replication_filter(session.get(), server.c_str(), filter.c_str());
@@ -44,7 +40,7 @@ std::string get(const Session &session, const std::string &server)
 
 TEST(ReplicationFilter, AServerBeginsWithAFilterWithoutClasses)
 {
-    EXPECT_EQ(get(sandbox().anonymous(), "cn=server3,ou=servers," + base), "$");
+    EXPECT_EQ(get(sandbox().anonymous(), server3), "$");
 }
 
 TEST(ReplicationFilter, EachServerKeepsItsOwnWhereASearchSeesIt)
@@ -130,7 +126,7 @@ TEST(ReplicationFilter, ATextOfSomebodyElseThatIsNoneIsReported)
 TEST(ReplicationFilter, AValueThatIsNotTheRequestIsRefused)
 {
     RawClient client(sandbox().port());
-    client.send(simple_bind(1, sandbox().admin_dn(), "secret"));
+    client.send(simple_bind(1, admin_dn, "secret"));
     ASSERT_EQ(result_code(client.receive()), LDAP_SUCCESS);
     int id = 2;
     const auto code = [&](const std::string &name, const std::string &value) {

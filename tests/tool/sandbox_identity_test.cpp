@@ -31,7 +31,7 @@ std::string identity(const Session &session)
 
 TEST(BindIdentity, IsTheNameThatTheClientHasBoundWith)
 {
-    EXPECT_EQ(identity(sandbox().admin()), sandbox().admin_dn());
+    EXPECT_EQ(identity(sandbox().admin()), admin_dn);
     EXPECT_EQ(identity(sandbox().as(sandbox().somebody())), sandbox().somebody());
 }
 

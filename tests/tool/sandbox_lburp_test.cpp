@@ -35,9 +35,6 @@ Sandbox &roomy_sandbox() // takes large batches
     return one;
 }
 
-const std::string base = "dc=example,dc=com";
-const std::string people = "ou=people," + base;
-
 struct Started {
     int code = -1;
     std::string text;
@@ -221,7 +218,7 @@ TEST(BulkUpdate, AnEmptyBatchSucceedsAndCounts)
 TEST(BulkUpdate, ASuccessfulBatchIsAnsweredWithoutAValue)
 {
     RawClient client(sandbox().port());
-    client.send(simple_bind(1, sandbox().admin_dn(), "secret"));
+    client.send(simple_bind(1, admin_dn, "secret"));
     client.receive();
     client.send(extended(2, LDAPX_LBURP_START_REQUEST,
                          support::sequence(support::octets(LDAPX_LBURP_INCREMENTAL_UPDATE))));
@@ -286,7 +283,7 @@ TEST(BulkUpdate, NobodyBorrowsRightsWithAControlOfAnOperation)
     ASSERT_EQ(start(somebody).code, LDAP_SUCCESS);
     Changes changes(person("borrower"));
     Record add(LDAP_REQ_ADD, dn_of("borrower"),
-               support::ControlList({{LDAP_CONTROL_PROXY_AUTHZ, "dn:" + sandbox().admin_dn(), 1}}));
+               support::ControlList({{LDAP_CONTROL_PROXY_AUTHZ, "dn:" + admin_dn, 1}}));
     add.carry(changes);
     const Answered done = apply(somebody, 1, add);
     ASSERT_EQ(done.failed.size(), 1U);
@@ -655,7 +652,7 @@ TEST(BulkUpdate, EndsWithItsConnection)
     const support::Batch batch;
     {
         RawClient client(sandbox().port());
-        client.send(simple_bind(1, sandbox().admin_dn(), "secret"));
+        client.send(simple_bind(1, admin_dn, "secret"));
         client.receive();
         client.send(extended(2, LDAPX_LBURP_START_REQUEST,
                              support::sequence(support::octets(LDAPX_LBURP_INCREMENTAL_UPDATE))));
@@ -679,7 +676,7 @@ TEST(BulkUpdate, AClientThatLeavesInTheMiddleStopsItAndOthersGoOn)
         adds += batch.add(dn_of("cut" + std::to_string(i)), person("cut" + std::to_string(i)));
     {
         RawClient client(roomy_sandbox().port());
-        client.send(simple_bind(1, roomy_sandbox().admin_dn(), "secret"));
+        client.send(simple_bind(1, admin_dn, "secret"));
         client.receive();
         client.send(extended(2, LDAPX_LBURP_START_REQUEST,
                              support::sequence(support::octets(LDAPX_LBURP_INCREMENTAL_UPDATE))));

@@ -34,11 +34,6 @@ Sandbox &brisk_sandbox() // they take just so long that one can see them run
     return one;
 }
 
-const std::string people = "ou=people,dc=example,dc=com";
-const std::string engineering = "ou=engineering," + people;
-const std::string sales = "ou=sales," + people;
-const std::string server = "cn=server1,ou=servers,dc=example,dc=com";
-
 int split(const Session &session, std::string dn)
 {
     return ldap_split_partition(session.get(), dn.data(), 0);
@@ -74,7 +69,7 @@ Counted count(const Session &session, std::string dn)
 std::vector<std::string> roots(const Session &session)
 {
     std::vector<std::string> all =
-        search(session, sandbox().base(), "(objectClass=partitionRoot)", "partitionState");
+        search(session, base, "(objectClass=partitionRoot)", "partitionState");
     std::sort(all.begin(), all.end());
     return all;
 }
@@ -91,7 +86,7 @@ std::string matched_dn(const Session &session)
 bool reaches(const Session &session, const std::string &filter, std::size_t entries)
 {
     for (int i = 0; i < 200; ++i) {
-        if (search(session, sandbox().base(), filter).size() == entries)
+        if (search(session, base, filter).size() == entries)
             return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
@@ -102,7 +97,7 @@ TEST(Partitions, TheWholeTreeIsOnePartitionAtFirst)
 {
     const Session admin = sandbox().admin();
     EXPECT_EQ(roots(admin), std::vector<std::string>{"dc=example,dc=com: on"});
-    EXPECT_EQ(count(admin, "dc=example,dc=com").entries, 1200U);
+    EXPECT_EQ(count(admin, base).entries, 1200U);
 }
 
 TEST(Partitions, ASplitPartitionIsListedAndHoldsItsEntries)
@@ -115,11 +110,11 @@ TEST(Partitions, ASplitPartitionIsListedAndHoldsItsEntries)
     EXPECT_EQ(roots(admin),
               (std::vector<std::string>{"dc=example,dc=com: on", engineering + ": on"}));
     EXPECT_EQ(count(admin, engineering).entries, inside);
-    EXPECT_EQ(count(admin, "dc=example,dc=com").entries, 1200U - inside);
+    EXPECT_EQ(count(admin, base).entries, 1200U - inside);
 
     ASSERT_EQ(merge(admin, engineering), LDAP_SUCCESS) << diagnostic(admin);
     EXPECT_EQ(roots(admin), std::vector<std::string>{"dc=example,dc=com: on"});
-    EXPECT_EQ(count(admin, "dc=example,dc=com").entries, 1200U);
+    EXPECT_EQ(count(admin, base).entries, 1200U);
 }
 
 TEST(Partitions, ANestedPartitionIsCountedOnceAndOutlivesTheMergeOfItsParent)
@@ -132,11 +127,11 @@ TEST(Partitions, ANestedPartitionIsCountedOnceAndOutlivesTheMergeOfItsParent)
 
     EXPECT_EQ(count(admin, engineering).entries, inner);
     EXPECT_EQ(count(admin, people).entries, outer - inner);
-    EXPECT_EQ(count(admin, "dc=example,dc=com").entries, 1200U - outer);
+    EXPECT_EQ(count(admin, base).entries, 1200U - outer);
 
     ASSERT_EQ(merge(admin, people), LDAP_SUCCESS);
     EXPECT_EQ(count(admin, engineering).entries, inner);
-    EXPECT_EQ(count(admin, "dc=example,dc=com").entries, 1200U - inner);
+    EXPECT_EQ(count(admin, base).entries, 1200U - inner);
     ASSERT_EQ(merge(admin, engineering), LDAP_SUCCESS);
 }
 
@@ -151,7 +146,7 @@ TEST(Partitions, AnEntryIsTheSameHoweverItsNameIsWritten)
 TEST(Partitions, ANameOutsideAsciiWorksLikeAnyOther)
 {
     const Session admin = sandbox().admin();
-    const std::string dn = "ou=Éditions Ørsted\\, Łódź,dc=example,dc=com";
+    const std::string dn = "ou=Éditions Ørsted\\, Łódź," + base;
     ASSERT_EQ(
         sandbox()
             .client_as_admin("ldapadd", {}, "dn: " + dn + "\nobjectClass: organizationalUnit\n")
@@ -166,7 +161,7 @@ TEST(Partitions, ANameOutsideAsciiWorksLikeAnyOther)
 TEST(Partitions, DeletingTheRootEntryRemovesThePartition)
 {
     const Session admin = sandbox().admin();
-    const std::string dn = "ou=short-lived,dc=example,dc=com";
+    const std::string dn = "ou=short-lived," + base;
     ASSERT_EQ(
         sandbox()
             .client_as_admin("ldapadd", {}, "dn: " + dn + "\nobjectClass: organizationalUnit\n")
@@ -186,18 +181,18 @@ TEST(Partitions, ARefusalSaysWhatIsWrong)
     EXPECT_EQ(matched_dn(admin), people);
     EXPECT_EQ(split(admin, "no name at all"), LDAP_INVALID_DN_SYNTAX);
     EXPECT_EQ(split(admin, ""), LDAP_UNWILLING_TO_PERFORM);
-    EXPECT_EQ(split(admin, "dc=example,dc=com"), LDAP_ALREADY_EXISTS);
+    EXPECT_EQ(split(admin, base), LDAP_ALREADY_EXISTS);
     EXPECT_NE(diagnostic(admin).find("is the root of a partition already"), std::string::npos);
 
     EXPECT_EQ(merge(admin, sales), LDAP_UNWILLING_TO_PERFORM);
     EXPECT_NE(diagnostic(admin).find(sales), std::string::npos);
-    EXPECT_EQ(merge(admin, "dc=example,dc=com"), LDAP_UNWILLING_TO_PERFORM);
+    EXPECT_EQ(merge(admin, base), LDAP_UNWILLING_TO_PERFORM);
     EXPECT_EQ(merge(admin, "ou=nowhere," + people), LDAP_NO_SUCH_OBJECT);
 
     EXPECT_EQ(count(admin, sales).code, LDAP_UNWILLING_TO_PERFORM);
     EXPECT_EQ(count(admin, "ou=nowhere," + people).code, LDAP_NO_SUCH_OBJECT);
 
-    EXPECT_EQ(abort_operation(admin, "dc=example,dc=com"), LDAP_UNWILLING_TO_PERFORM);
+    EXPECT_EQ(abort_operation(admin, base), LDAP_UNWILLING_TO_PERFORM);
     EXPECT_EQ(abort_operation(admin, "ou=nowhere," + people), LDAP_NO_SUCH_OBJECT);
 }
 
@@ -205,21 +200,21 @@ TEST(Partitions, OnlyWhoMayChangeTheEntryMayChangeThePartition)
 {
     const Session admin = sandbox().admin();
     ASSERT_EQ(split(admin, engineering), LDAP_SUCCESS);
-    ASSERT_EQ(split_orphan(admin, server, "o=guarded"), LDAP_SUCCESS);
+    ASSERT_EQ(split_orphan(admin, server1, "o=guarded"), LDAP_SUCCESS);
     const Session somebody = sandbox().as(sandbox().somebody());
     const Session nobody = sandbox().anonymous();
     for (const Session *session : {&somebody, &nobody}) {
         EXPECT_EQ(split(*session, sales), LDAP_INSUFFICIENT_ACCESS);
         EXPECT_EQ(merge(*session, engineering), LDAP_INSUFFICIENT_ACCESS);
-        EXPECT_EQ(split_orphan(*session, server, "o=acme"), LDAP_INSUFFICIENT_ACCESS);
-        EXPECT_EQ(remove_orphan(*session, server, "o=guarded"), LDAP_INSUFFICIENT_ACCESS);
+        EXPECT_EQ(split_orphan(*session, server1, "o=acme"), LDAP_INSUFFICIENT_ACCESS);
+        EXPECT_EQ(remove_orphan(*session, server1, "o=guarded"), LDAP_INSUFFICIENT_ACCESS);
         EXPECT_EQ(count(*session, engineering).code, LDAP_SUCCESS) << "everybody may read it";
         EXPECT_EQ(split(*session, "ou=payroll,dc=example,dc=com"),
                   session == &nobody ? LDAP_INSUFFICIENT_ACCESS : LDAP_NO_SUCH_OBJECT)
             << "what may not be seen is not there";
     }
     EXPECT_EQ(roots(admin).size(), 2U);
-    EXPECT_EQ(remove_orphan(admin, server, "o=guarded"), LDAP_SUCCESS);
+    EXPECT_EQ(remove_orphan(admin, server1, "o=guarded"), LDAP_SUCCESS);
     EXPECT_EQ(merge(admin, engineering), LDAP_SUCCESS);
 }
 
@@ -237,20 +232,17 @@ TEST(Partitions, AMemberOfTheAdministratorsMaySplitAndMerge)
 TEST(Partitions, AnOrphanPartitionIsRecordedOnItsServer)
 {
     const Session admin = sandbox().admin();
-    ASSERT_EQ(split_orphan(admin, server, "o=acme"), LDAP_SUCCESS) << diagnostic(admin);
-    EXPECT_EQ(search(admin, server, "(orphanPartition=o=acme)", "orphanPartition"),
-              std::vector<std::string>{server + ": o=acme"});
+    ASSERT_EQ(split_orphan(admin, server1, "o=acme"), LDAP_SUCCESS) << diagnostic(admin);
+    EXPECT_EQ(search(admin, server1, "(orphanPartition=o=acme)", "orphanPartition"),
+              std::vector<std::string>{server1 + ": o=acme"});
 
-    EXPECT_EQ(split_orphan(admin, server, "O = Acme"), LDAP_ALREADY_EXISTS) << "the same name";
-    EXPECT_EQ(split_orphan(admin, "cn=server2,ou=servers,dc=example,dc=com", "o=acme"),
-              LDAP_SUCCESS)
-        << "another server";
-    EXPECT_EQ(remove_orphan(admin, server, "o=other"), LDAP_NO_SUCH_OBJECT);
-    EXPECT_EQ(remove_orphan(admin, server, "o=ACME"), LDAP_SUCCESS);
-    EXPECT_EQ(remove_orphan(admin, server, "o=acme"), LDAP_NO_SUCH_OBJECT);
-    EXPECT_EQ(search(admin, "dc=example,dc=com", "(orphanPartition=o=acme)").size(), 1U);
-    EXPECT_EQ(remove_orphan(admin, "cn=server2,ou=servers,dc=example,dc=com", "o=acme"),
-              LDAP_SUCCESS);
+    EXPECT_EQ(split_orphan(admin, server1, "O = Acme"), LDAP_ALREADY_EXISTS) << "the same name";
+    EXPECT_EQ(split_orphan(admin, server2, "o=acme"), LDAP_SUCCESS) << "another server";
+    EXPECT_EQ(remove_orphan(admin, server1, "o=other"), LDAP_NO_SUCH_OBJECT);
+    EXPECT_EQ(remove_orphan(admin, server1, "o=ACME"), LDAP_SUCCESS);
+    EXPECT_EQ(remove_orphan(admin, server1, "o=acme"), LDAP_NO_SUCH_OBJECT);
+    EXPECT_EQ(search(admin, base, "(orphanPartition=o=acme)").size(), 1U);
+    EXPECT_EQ(remove_orphan(admin, server2, "o=acme"), LDAP_SUCCESS);
 }
 
 TEST(Partitions, AnOrphanPartitionNeedsAServerAndAName)
@@ -261,8 +253,8 @@ TEST(Partitions, AnOrphanPartitionNeedsAServerAndAName)
     EXPECT_EQ(matched_dn(admin), "ou=servers,dc=example,dc=com");
     EXPECT_EQ(split_orphan(admin, sales, "o=acme"), LDAP_OBJECT_CLASS_VIOLATION);
     EXPECT_EQ(split_orphan(admin, "garbage", "o=acme"), LDAP_INVALID_DN_SYNTAX);
-    EXPECT_EQ(split_orphan(admin, server, "acme"), LDAP_INVALID_DN_SYNTAX);
-    EXPECT_EQ(split_orphan(admin, server, ""), LDAP_INVALID_DN_SYNTAX);
+    EXPECT_EQ(split_orphan(admin, server1, "acme"), LDAP_INVALID_DN_SYNTAX);
+    EXPECT_EQ(split_orphan(admin, server1, ""), LDAP_INVALID_DN_SYNTAX);
     EXPECT_EQ(remove_orphan(admin, "cn=nowhere,ou=servers,dc=example,dc=com", "o=acme"),
               LDAP_NO_SUCH_OBJECT);
 }
@@ -280,7 +272,7 @@ TEST(RunningOperations, ASplitIsBusyUntilItIsAborted)
     EXPECT_EQ(merge(admin, engineering), LDAP_BUSY);
     EXPECT_EQ(split(admin, sales), LDAP_BUSY) << "the partition above is occupied too";
     EXPECT_EQ(count(admin, engineering).code, LDAP_UNWILLING_TO_PERFORM) << "not a partition yet";
-    EXPECT_EQ(count(admin, "dc=example,dc=com").entries, 100U);
+    EXPECT_EQ(count(admin, base).entries, 100U);
     EXPECT_EQ(abort_operation(admin, sales), LDAP_UNWILLING_TO_PERFORM);
 
     ASSERT_EQ(abort_operation(admin, engineering), LDAP_SUCCESS) << diagnostic(admin);
@@ -292,7 +284,7 @@ TEST(RunningOperations, AnOperationCanBeAbortedAtThePartitionAboveToo)
 {
     const Session admin = slow_sandbox().admin();
     ASSERT_EQ(split(admin, engineering), LDAP_SUCCESS);
-    EXPECT_EQ(abort_operation(admin, "dc=example,dc=com"), LDAP_SUCCESS) << diagnostic(admin);
+    EXPECT_EQ(abort_operation(admin, base), LDAP_SUCCESS) << diagnostic(admin);
     EXPECT_EQ(search(admin, people, "(objectClass=partitionRoot)").size(), 0U);
 }
 
@@ -337,7 +329,7 @@ TEST(RunningOperations, AnEntryThatIsRenamedMeanwhileIsStillTheOne)
 TEST(RunningOperations, AnEntryThatIsDeletedMeanwhileLeavesNothingRunning)
 {
     const Session admin = brisk_sandbox().admin();
-    const std::string dn = "ou=short-lived,dc=example,dc=com";
+    const std::string dn = "ou=short-lived," + base;
     const std::string entry = "dn: " + dn + "\nobjectClass: organizationalUnit\n";
     ASSERT_EQ(brisk_sandbox().client_as_admin("ldapadd", {}, entry).status, 0);
     ASSERT_EQ(split(admin, dn), LDAP_SUCCESS);

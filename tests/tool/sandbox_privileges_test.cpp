@@ -28,9 +28,6 @@ Sandbox &sandbox()
     return one;
 }
 
-const std::string base = "dc=example,dc=com";
-const std::string people = "ou=people," + base;
-
 constexpr int none = 0x00;
 constexpr int auth = 0x03;
 constexpr int read = 0x1f;
@@ -96,7 +93,7 @@ TEST(Privileges, AreThoseThatSlapdGrantsInTheOrderOfTheQuestion)
         << "anonymous";
     EXPECT_EQ(rights(admin, first_member("administrators"), somebody, asked),
               (Answer{0, {write, write, write, write, write, write}}));
-    EXPECT_EQ(rights(admin, sandbox().admin_dn(), somebody, asked),
+    EXPECT_EQ(rights(admin, admin_dn, somebody, asked),
               (Answer{0, {manage, manage, manage, manage, manage, manage}}));
     EXPECT_EQ(right(admin, somebody, somebody, "telephoneNumber"), (Answer{0, {write}}));
     EXPECT_EQ(right(admin, somebody, other, "telephoneNumber"), (Answer{0, {read}}));

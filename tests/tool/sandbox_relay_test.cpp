@@ -29,9 +29,6 @@ Sandbox &sandbox()
     return one;
 }
 
-const std::string base = "dc=example,dc=com";
-const std::string admin_dn = "cn=admin," + base;
-
 bool answers(Sandbox &one)
 {
     RawClient client(one.port());
@@ -254,7 +251,7 @@ TEST(Flow, ALargeMessagePassesWithoutBeingHeld)
     change.mod_type = type.data();
     change.mod_vals.modv_bvals = values;
     LDAPMod *changes[] = {&change, nullptr};
-    const std::string dn = "ou=sales,ou=people," + base;
+    const std::string &dn = sales;
     ASSERT_EQ(ldap_modify_ext_s(admin.get(), dn.c_str(), changes, nullptr, nullptr), LDAP_SUCCESS);
     EXPECT_EQ(search(admin, dn, "(ou=sales)", "description").at(0).size(),
               dn.size() + 2 + value.size());
@@ -372,7 +369,7 @@ TEST(Identity, TheOperatingSystemsUserIsNotTheClients)
         client.send(sasl_bind(3, mechanism));
         EXPECT_EQ(result_code(client.receive()), LDAP_AUTH_METHOD_NOT_SUPPORTED) << mechanism;
         EXPECT_EQ(who(client, 4), "") << "a failed bind makes anonymous";
-        client.send(split_request(5, "ou=sales,ou=people," + base));
+        client.send(split_request(5, sales));
         EXPECT_EQ(result_code(client.receive()), LDAP_INSUFFICIENT_ACCESS);
     }
     const Finished listed =
@@ -394,7 +391,6 @@ TEST(Identity, ABindThatOnlySlapdsReaderWouldTakeEndsTheConnection)
 TEST(Identity, ARequestSentRightBehindTheBindIsMadeByWhoBinds)
 {
     RawClient client(sandbox().port());
-    const std::string sales = "ou=sales,ou=people," + base;
     // One round for each bind: slapd abandons what is outstanding when the next one comes.
     std::map<int, int> codes;
     for (const std::string &requests :
@@ -420,7 +416,7 @@ TEST(Identity, AWrongPasswordMakesAnonymous)
 {
     RawClient client(sandbox().port());
     client.send(simple_bind(1, admin_dn, "secret") + simple_bind(2, admin_dn, "wrong") +
-                split_request(3, "ou=sales,ou=people," + base));
+                split_request(3, sales));
     EXPECT_EQ(result_code(client.receive()), LDAP_SUCCESS);
     EXPECT_EQ(result_code(client.receive()), LDAP_INVALID_CREDENTIALS);
     EXPECT_EQ(result_code(client.receive()), LDAP_INSUFFICIENT_ACCESS);
@@ -460,7 +456,7 @@ TEST(Operations, AnUnknownNameOfOursIsRefusedByName)
 
 TEST(Operations, ARequestValueIsReadToTheLetter)
 {
-    const std::string dn = "ou=sales,ou=people," + base;
+    const std::string &dn = sales;
     const std::string good = integer(0) + octets(dn);
     std::vector<std::string> bad = cuts(good);
     for (const std::string &value :

@@ -29,13 +29,6 @@ Sandbox &sandbox()
     return one;
 }
 
-const std::string base = "dc=example,dc=com";
-const std::string people = "ou=people," + base;
-const std::string sales = "ou=sales," + people;
-const std::string server1 = "cn=server1,ou=servers," + base;
-const std::string server2 = "cn=server2,ou=servers," + base;
-const std::string server3 = "cn=server3,ou=servers," + base;
-
 int add(const Session &session, std::string dn, std::string server, int type, int flags = 0)
 {
     return ldap_add_replica(session.get(), dn.data(), server.data(),
@@ -297,7 +290,7 @@ TEST_F(Replicas, AValueThatIsNotTheRequestIsAProtocolErrorThatChangesNothing)
         {LDAPX_LIST_REPLICAS_REQUEST, octets(server1)},
     };
     RawClient client(sandbox().port());
-    client.send(simple_bind(1, sandbox().admin_dn(), "secret"));
+    client.send(simple_bind(1, admin_dn, "secret"));
     ASSERT_EQ(result_code(client.receive()), LDAP_SUCCESS);
     int id = 2;
     for (const Case &each : cases) {

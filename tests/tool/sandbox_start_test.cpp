@@ -77,7 +77,7 @@ TEST(Starting, TheFirstLineTellsTheAddressAndTheNextWhatIsThere)
               "base:          dc=example,dc=com (a sample tree of 1200 entries)");
     EXPECT_EQ(sandbox.process().read_line(), "administrator: cn=admin,dc=example,dc=com");
     EXPECT_EQ(sandbox.process().read_line(), "password:      secret");
-    EXPECT_EQ(search(sandbox.admin(), sandbox.base(), "(ou=people)").size(), 1U) << "at once";
+    EXPECT_EQ(search(sandbox.admin(), base, "(ou=people)").size(), 1U) << "at once";
 }
 
 TEST(Starting, ItsDirectoryIsForNobodyElse)
@@ -96,8 +96,8 @@ TEST(Starting, ListensOnSeveralLoopbackAddresses)
     ASSERT_TRUE(std::regex_match(second, std::regex("listening on ldap://\\[::1\\]:[0-9]+/")))
         << second;
     const Session session = connect(second.substr(second.find("ldap:")));
-    EXPECT_EQ(search(session, sandbox.base(), "(ou=people)").size(), 1U);
-    EXPECT_EQ(search(sandbox.anonymous(), sandbox.base(), "(ou=people)").size(), 1U);
+    EXPECT_EQ(search(session, base, "(ou=people)").size(), 1U);
+    EXPECT_EQ(search(sandbox.anonymous(), base, "(ou=people)").size(), 1U);
 }
 
 TEST(Starting, AnAddressThatIsNotLoopbackIsWrongUsage)
@@ -123,7 +123,7 @@ TEST(Starting, APortInUseIsSaidWithAWayOut)
                   "port)\n");
     EXPECT_EQ(attempt.finished.out, "");
     EXPECT_TRUE(attempt.left_nothing());
-    EXPECT_EQ(search(first.admin(), first.base(), "(ou=people)").size(), 1U);
+    EXPECT_EQ(search(first.admin(), base, "(ou=people)").size(), 1U);
 }
 
 TEST(Starting, AMissingSlapdIsSaidWithHowToInstallIt)
@@ -342,7 +342,7 @@ TEST(OwnTree, AHundredThousandEntriesAreCountedOneByOne)
     Sandbox sandbox({"--entries", "100000"});
     const Session admin = sandbox.admin();
     unsigned long entries = 0;
-    std::string root = sandbox.base();
+    std::string root = base;
     ASSERT_EQ(ldap_partition_entry_count(admin.get(), root.data(), &entries), LDAP_SUCCESS);
     EXPECT_EQ(entries, 100000U);
     std::string part = "ou=support,ou=people,dc=example,dc=com";
@@ -432,7 +432,7 @@ TEST(Ending, AReaderOfItsOutputThatLeavesIsNoReasonTo)
     ASSERT_FALSE(line.empty());
     for (int i = 0; i < 3; ++i) {
         const Session session = connect(line.substr(line.find("ldap:")));
-        EXPECT_EQ(search(session, "dc=example,dc=com", "(ou=people)").size(), 1U);
+        EXPECT_EQ(search(session, base, "(ou=people)").size(), 1U);
     }
 }
 
@@ -444,8 +444,8 @@ TEST(Watching, VerboseWritesOneLineForEachOperation)
     for (int i = 0; i < 3; ++i)
         sandbox.process().read_line();
     Session admin = sandbox.admin();
-    search(admin, sandbox.base(), "(ou=people)");
-    std::string dn = "ou=nowhere," + sandbox.base();
+    search(admin, base, "(ou=people)");
+    std::string dn = "ou=nowhere," + base;
     ldap_split_partition(admin.get(), dn.data(), 0);
     ldap_delete_ext_s(admin.get(), dn.c_str(), nullptr, nullptr);
     for (

@@ -20,10 +20,6 @@ using support::octets;
 
 namespace {
 
-const std::string base = "dc=example,dc=com";
-const std::string server1 = "cn=server1,ou=servers," + base;
-const std::string server2 = "cn=server2,ou=servers," + base;
-const std::string server3 = "cn=server3,ou=servers," + base;
 const std::string requests = "cn=synchronisation,cn=system";
 
 Sandbox &sandbox() // server1 holds the master, server2 a secondary, server3 nothing
@@ -88,8 +84,8 @@ TEST(Synchronisation, ReceivingUpdatesBringsTheReceiverUpToDate)
     EXPECT_EQ(information(admin, server1).modificationTime, before1);
     const std::string exact =
         "(&(requestKind=receive)(requestState=done)(requestedPartition=" + base +
-        ")(requestedServer=" + server2 + ")(sourceServer=" + server1 +
-        ")(requestedBy=" + sandbox().admin_dn() + ")(requestedAt=*)(doneAt=*)(requestDelay=0))";
+        ")(requestedServer=" + server2 + ")(sourceServer=" + server1 + ")(requestedBy=" + admin_dn +
+        ")(requestedAt=*)(doneAt=*)(requestDelay=0))";
     EXPECT_EQ(recorded(admin, exact), 1U);
     ASSERT_EQ(receive(admin, base, server2), LDAP_SUCCESS);
     EXPECT_EQ(recorded(admin, exact), 2U) << "the master is the source when none is named";
@@ -191,7 +187,7 @@ TEST(Synchronisation, AValueThatIsNotTheRequestIsAProtocolError)
         {LDAPX_REQUEST_SCHEMA_SYNC_REQUEST, concat(octets(base), integer(0))},
     };
     RawClient client(sandbox().port());
-    client.send(simple_bind(1, sandbox().admin_dn(), "secret"));
+    client.send(simple_bind(1, admin_dn, "secret"));
     ASSERT_EQ(result_code(client.receive()), LDAP_SUCCESS);
     int id = 2;
     for (const Case &each : cases) {

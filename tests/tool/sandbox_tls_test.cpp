@@ -1,10 +1,10 @@
 // TLS between clients and the sandbox: StartTLS and ldaps.
 
-#include "certificate.h"
 #include "raw_client.h"
 #include "sandbox.h"
 
 #include "ldapx.h"
+#include "support/certificate.h"
 
 #include <gtest/gtest.h>
 
@@ -16,21 +16,20 @@ using namespace support;
 
 namespace {
 
-const std::string base = "dc=example,dc=com";
 constexpr char start_tls_name[] = "1.3.6.1.4.1.1466.20037";
 
 struct Secure {
     TemporaryDirectory directory;
-    CertificateFiles files = make_certificate(directory.path());
-    Sandbox sandbox{{"--entries", "200", "--tls-cert", files.certificate, "--tls-key", files.key,
-                     "--ldaps-port", "0"}};
+    Certificate files = make_certificate(directory.path());
+    Sandbox sandbox{{"--entries", "200", "--tls-cert", files.certificate_file, "--tls-key",
+                     files.key_file, "--ldaps-port", "0"}};
     std::string ldaps_url = sandbox.process().read_line().substr(13);
 
     // One of OpenLDAP's clients that trusts this certificate only.
     Finished client(const std::string &program, std::vector<std::string> arguments) const
     {
         arguments.insert(arguments.begin(), {"/usr/bin/" + program, "-x"});
-        return run(arguments, {.environment = {{"LDAPTLS_CACERT", files.certificate},
+        return run(arguments, {.environment = {{"LDAPTLS_CACERT", files.certificate_file},
                                                {"LDAPTLS_REQCERT", "demand"}}});
     }
 };
@@ -81,16 +80,17 @@ TEST(Tls, OperationsOfOursWorkOverIt)
 
 TEST(Tls, ALargeAnswerComesWhole)
 {
-    const std::string dn = "ou=people," + base;
+    const std::string &dn = people;
     const std::string value(2000000, 'x');
     const TemporaryDirectory directory;
-    const Finished changed = run({"/usr/bin/ldapmodify", "-x", "-ZZ", "-H", secure().sandbox.url(),
-                                  "-D", "cn=admin," + base, "-w", "secret"},
-                                 {.stdin_text = "dn: " + dn +
-                                                "\nchangetype: modify\nreplace: description\n"
-                                                "description: " +
-                                                value + "\n",
-                                  .environment = {{"LDAPTLS_CACERT", secure().files.certificate}}});
+    const Finished changed =
+        run({"/usr/bin/ldapmodify", "-x", "-ZZ", "-H", secure().sandbox.url(), "-D",
+             "cn=admin," + base, "-w", "secret"},
+            {.stdin_text = "dn: " + dn +
+                           "\nchangetype: modify\nreplace: description\n"
+                           "description: " +
+                           value + "\n",
+             .environment = {{"LDAPTLS_CACERT", secure().files.certificate_file}}});
     ASSERT_EQ(changed.status, 0) << changed.err;
     const Finished found =
         secure().client("ldapsearch", {"-LLL", "-o", "ldif-wrap=no", "-ZZ", "-H",
@@ -155,20 +155,21 @@ TEST(Tls, AHandshakeThatIsNoneEndsTheConnection)
 TEST(Tls, CertificatesThatCannotServeAreSaid)
 {
     const TemporaryDirectory directory;
-    const CertificateFiles one = make_certificate(directory.path(), "one");
-    const CertificateFiles other = make_certificate(directory.path(), "other");
+    const Certificate one = make_certificate(directory.path(), {.name = "one"});
+    const Certificate other = make_certificate(directory.path(), {.name = "other"});
     const auto start = [](const std::string &certificate, const std::string &key) {
         return run({SANDBOX_PROGRAM, "--port", "0", "--tls-cert", certificate, "--tls-key", key});
     };
-    Finished refused = start(directory.path() + "/nowhere", one.key);
+    Finished refused = start(directory.path() + "/nowhere", one.key_file);
     EXPECT_EQ(refused.status, 1);
     EXPECT_NE(refused.err.find("no certificate can be read from " + directory.path() + "/nowhere"),
               std::string::npos)
         << refused.err;
-    refused = start(one.certificate, other.key);
+    refused = start(one.certificate_file, other.key_file);
     EXPECT_EQ(refused.status, 1);
-    EXPECT_NE(refused.err.find("no key of " + one.certificate), std::string::npos) << refused.err;
-    refused = run({SANDBOX_PROGRAM, "--port", "0", "--tls-cert", one.certificate});
+    EXPECT_NE(refused.err.find("no key of " + one.certificate_file), std::string::npos)
+        << refused.err;
+    refused = run({SANDBOX_PROGRAM, "--port", "0", "--tls-cert", one.certificate_file});
     EXPECT_EQ(refused.status, 2);
     refused = run({SANDBOX_PROGRAM, "--port", "0", "--ldaps-port", "0"});
     EXPECT_EQ(refused.status, 2);

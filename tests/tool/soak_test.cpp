@@ -22,6 +22,8 @@
 #include "support/peer.h"
 
 using namespace std::chrono_literals;
+using sandbox_test::admin_dn;
+using sandbox_test::base;
 
 namespace {
 
@@ -110,9 +112,8 @@ TEST(Soak, operations_of_every_kind_leave_nothing_behind_here_and_in_the_directo
     sandbox_test::Sandbox sandbox;
     const sandbox_test::Session ld = sandbox.admin();
     const greirige::Session session(ld.get());
-    const std::string base = sandbox.base(), self = sandbox.admin_dn();
     const std::string entry = "cn=soaked," + base;
-    const greirige::Server server("cn=server1,ou=servers,dc=example,dc=com");
+    const greirige::Server server(sandbox_test::server1);
     const greirige::Password password("secret word");
     const auto load = [&](const greirige::Update &update) {
         auto bulk = greirige::BulkLoad::start(session, [](const greirige::BulkFailure &failure) {
@@ -126,14 +127,15 @@ TEST(Soak, operations_of_every_kind_leave_nothing_behind_here_and_in_the_directo
     for (long done = 0; done < operations;) {
         // The quick ones more often.
         for (int i = 0; i < 50; ++i) {
-            EXPECT_EQ(session.bind_dn().value(), self);
+            EXPECT_EQ(session.bind_dn().value(), admin_dn);
             EXPECT_EQ(session.replica_info(base, server).value().partition_dn, base);
             EXPECT_FALSE(session.list_replicas(server).value().empty());
             EXPECT_FALSE(session.partition_entry_count("ou=nowhere," + base));
             done += 4;
         }
         EXPECT_EQ(session.partition_entry_count(base).value(), 1200U);
-        EXPECT_EQ(session.effective_privileges(base, greirige::Subject(self), "dc").value(), 255);
+        EXPECT_EQ(session.effective_privileges(base, greirige::Subject(admin_dn), "dc").value(),
+                  255);
         EXPECT_EQ(session.dn_from_dns("example.com").value(), base);
         session.set_replication_filter(server, "person$cn$sn$$$").value();
         EXPECT_EQ(session.replication_filter_text(server).value(), "person$cn$sn$$$");

@@ -168,7 +168,7 @@ TEST(Threads, every_operation_works_in_sixteen_threads_at_once)
             const auto index = static_cast<std::size_t>(number);
             std::string &failure = failures[index];
             try {
-                Worker worker(greirige::Session(sessions[index].get()), sandbox.base(), number);
+                Worker worker(greirige::Session(sessions[index].get()), sandbox_test::base, number);
                 for (int round = 0; round < rounds; ++round)
                     worker.round();
             } catch (const Failed &failed) {

@@ -17,6 +17,8 @@
 
 using namespace support;
 using namespace tool_test;
+using sandbox_test::admin_dn;
+using sandbox_test::people;
 using sandbox_test::Sandbox;
 using Json = nlohmann::ordered_json;
 
@@ -27,8 +29,6 @@ Sandbox &sandbox()
     static Sandbox one({"--entries", "100"});
     return one;
 }
-
-const std::string people = "ou=people,dc=example,dc=com";
 
 std::string read(const std::string &path)
 {
@@ -93,7 +93,7 @@ protected:
     static Finished as_admin(Arguments arguments, const ProcessOptions &options = isolated())
     {
         arguments.insert(arguments.begin(),
-                         {"-x", "-H", sandbox().url(), "-D", sandbox().admin_dn(), "-w", "secret"});
+                         {"-x", "-H", sandbox().url(), "-D", admin_dn, "-w", "secret"});
         return greirige(arguments, options);
     }
     Finished back_up(const std::string &path, Arguments more = {}) const
@@ -302,8 +302,8 @@ TEST_F(Backup, password_is_asked_for_twice_on_a_terminal)
     ProcessOptions options = isolated();
     options.terminal = true;
     const Arguments arguments =
-        command({"-x", "-H", sandbox().url(), "-D", sandbox().admin_dn(), "-w", "secret", "backup",
-                 dn, "-o", file, "--ask-backup-password"});
+        command({"-x", "-H", sandbox().url(), "-D", admin_dn, "-w", "secret", "backup", dn, "-o",
+                 file, "--ask-backup-password"});
     Child mistyped(arguments, options);
     mistyped.wait_for("Enter Backup Password: ");
     mistyped.type("one\n");
@@ -331,9 +331,9 @@ TEST_F(Backup, that_is_guarded_asks_for_its_password_on_a_terminal)
     remove();
     ProcessOptions options = isolated();
     options.terminal = true;
-    Child child(command({"-x", "-H", sandbox().url(), "-D", sandbox().admin_dn(), "-w", "secret",
-                         "restore", file}),
-                options);
+    Child child(
+        command({"-x", "-H", sandbox().url(), "-D", admin_dn, "-w", "secret", "restore", file}),
+        options);
     child.wait_for("About to restore \"" + dn + "\" as it was at " + line(read(file), "time") +
                    ", from \"" + file + "\", on " + line(read(file), "server") + ".");
     child.wait_for("Go ahead? [y/N] ");

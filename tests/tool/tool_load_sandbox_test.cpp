@@ -18,6 +18,8 @@
 using namespace tool_test;
 using namespace support;
 using namespace std::chrono_literals;
+using sandbox_test::admin_dn;
+using sandbox_test::base;
 using sandbox_test::Sandbox;
 
 namespace {
@@ -27,8 +29,6 @@ Sandbox &sandbox()
     static Sandbox one({"--entries", "100"});
     return one;
 }
-
-const std::string base = "dc=example,dc=com";
 
 void write_file(const std::string &path, const std::string &text)
 {
@@ -136,8 +136,7 @@ public:
     Arguments command_line(const Arguments &arguments,
                            const std::string &url = sandbox().url()) const
     {
-        Arguments all =
-            command({"-x", "-H", url, "-D", sandbox().admin_dn(), "-w", "secret", "load"});
+        Arguments all = command({"-x", "-H", url, "-D", admin_dn, "-w", "secret", "load"});
         all.insert(all.end(), arguments.begin(), arguments.end());
         return all;
     }

@@ -6,7 +6,11 @@
 #include "tool.h"
 
 using namespace tool_test;
+using sandbox_test::admin_dn;
+using sandbox_test::base;
+using sandbox_test::people;
 using sandbox_test::Sandbox;
+using sandbox_test::server1;
 using support::Finished;
 
 namespace {
@@ -17,9 +21,6 @@ Sandbox &sandbox()
     return one;
 }
 
-const std::string base = "dc=example,dc=com";
-const std::string people = "ou=people," + base;
-
 Finished anonymously(const Arguments &arguments)
 {
     Arguments all{"-x", "-H", sandbox().url()};
@@ -29,7 +30,7 @@ Finished anonymously(const Arguments &arguments)
 
 Finished as_admin(const Arguments &arguments)
 {
-    Arguments all{"-D", sandbox().admin_dn(), "-w", "secret"};
+    Arguments all{"-D", admin_dn, "-w", "secret"};
     all.insert(all.end(), arguments.begin(), arguments.end());
     return anonymously(all);
 }
@@ -75,7 +76,7 @@ TEST(Sandbox, operation_of_somebody_who_may_not_is_refused)
 TEST(Sandbox, wrong_password_is_a_refused_bind)
 {
     const Finished finished =
-        anonymously({"-D", sandbox().admin_dn(), "-w", "wrong", "partition", "count", base});
+        anonymously({"-D", admin_dn, "-w", "wrong", "partition", "count", base});
     EXPECT_EQ(finished.status, 3);
     EXPECT_NE(finished.err.find("Invalid credentials (49)"), std::string::npos) << finished.err;
 }
@@ -91,11 +92,10 @@ TEST(Sandbox, count_of_a_missing_partition_beside_another_is_done_in_part)
 
 TEST(Sandbox, orphan_partitions_come_and_go)
 {
-    const std::string server = "cn=server1,ou=servers," + base;
-    EXPECT_EQ(as_admin({"partition", "split-orphan", "o=lost", server}).status, 0);
-    EXPECT_EQ(as_admin({"partition", "split-orphan", "o=lost", server}).status, 1);
-    EXPECT_EQ(as_admin({"--yes", "partition", "remove-orphan", "o=lost", server}).status, 0);
-    EXPECT_EQ(as_admin({"--yes", "partition", "remove-orphan", "o=lost", server}).status, 1);
+    EXPECT_EQ(as_admin({"partition", "split-orphan", "o=lost", server1}).status, 0);
+    EXPECT_EQ(as_admin({"partition", "split-orphan", "o=lost", server1}).status, 1);
+    EXPECT_EQ(as_admin({"--yes", "partition", "remove-orphan", "o=lost", server1}).status, 0);
+    EXPECT_EQ(as_admin({"--yes", "partition", "remove-orphan", "o=lost", server1}).status, 1);
 }
 
 TEST(Sandbox, abort_without_a_running_operation_is_refused)

@@ -19,11 +19,6 @@ Sandbox &sandbox()
     return one;
 }
 
-const std::string base = "dc=example,dc=com";
-const std::string people = "ou=people," + base;
-const std::string server1 = "cn=server1,ou=servers," + base;
-const std::string server2 = "cn=server2,ou=servers," + base;
-
 using Arguments = std::vector<std::string>;
 
 Finished anonymously(Arguments arguments)
@@ -34,7 +29,7 @@ Finished anonymously(Arguments arguments)
 
 Finished as_admin(Arguments arguments)
 {
-    arguments.insert(arguments.begin(), {"-D", sandbox().admin_dn(), "-w", "secret", "--yes"});
+    arguments.insert(arguments.begin(), {"-D", admin_dn, "-w", "secret", "--yes"});
     return anonymously(std::move(arguments));
 }
 
@@ -72,7 +67,7 @@ TEST(Tool, ARefusedReplicaIsExplained)
 
 TEST(Tool, WhoamiShowsTheIdentity)
 {
-    EXPECT_EQ(output(as_admin({"whoami"})), sandbox().admin_dn() + "\n");
+    EXPECT_EQ(output(as_admin({"whoami"})), admin_dn + "\n");
     EXPECT_EQ(output(anonymously({"whoami"})), "anonymous\n");
 }
 

@@ -10,6 +10,8 @@
 
 using namespace tool_test;
 using namespace std::chrono_literals;
+using sandbox_test::admin_dn;
+using sandbox_test::base;
 using sandbox_test::Sandbox;
 using support::Child;
 using support::Finished;
@@ -17,14 +19,12 @@ using Json = nlohmann::ordered_json;
 
 namespace {
 
-const std::string base = "dc=example,dc=com";
-const std::string admin = "cn=admin," + base;
 const std::string person = "uid=jsmith,ou=people," + base;
 const std::string monitor_start = "20"; // comes when the registration is in force
 
 Arguments as_admin(const Sandbox &sandbox, const Arguments &arguments)
 {
-    Arguments all{"-x", "-H", sandbox.url(), "-D", admin, "-w", "secret", "watch"};
+    Arguments all{"-x", "-H", sandbox.url(), "-D", admin_dn, "-w", "secret", "watch"};
     all.insert(all.end(), arguments.begin(), arguments.end());
     return all;
 }
@@ -166,9 +166,9 @@ Json sample(int type)
         {"OPERATION", R"("connectionData":{CONNECTION},"msgID":9,"time":1767225600)"},
         {"CONNECTION", R"("connection":"NUMBER","time":1767225600,"inetAddr":"CLIENT")"},
         {"CONTROL", R"("controlOID":["2.16.840.1.113730.3.4.2"])"},
-        {"ADMIN", admin},
+        {"ADMIN", admin_dn},
         {"PERSON", person},
-        {"SERVER", "cn=server1,ou=servers," + base},
+        {"SERVER", sandbox_test::server1},
         {"STAMP", R"({"seconds":1767225600,"replicaNumber":1,"event":7})"},
         {"LOOPBACK", R"({"base64":"fwAAAQ==","text":"127.0.0.1"})"},
     };
@@ -244,7 +244,7 @@ TEST(Live, changes_of_any_client_are_shown_as_they_happen)
     EXPECT_EQ(event["eventType"], 1);
     EXPECT_EQ(event["kind"], "entry");
     EXPECT_EQ(event["eventData"]["entryDN"], "ou=watched," + base);
-    EXPECT_EQ(event["eventData"]["perpetratorDN"], admin);
+    EXPECT_EQ(event["eventData"]["perpetratorDN"], admin_dn);
     event = watch.next();
     EXPECT_EQ(event["eventType"], 10);
     EXPECT_EQ(event["eventData"]["value"]["text"], "organizationalUnit");
