@@ -201,11 +201,12 @@ std::string zsh_option(const CompletionOption &option)
     std::string specifications;
     for (const std::string &name : option.names) {
         const bool takes = option.value.kind != Kind::none;
-        const std::string form = !takes ? "" : name.starts_with("--") ? "=" : "+";
-        const std::string others = option.repeats ? "*" : '(' + joined(option.names, " ") + ')';
-        specifications +=
-            ' ' + quoted(others + name + form + '[' + escaped(option.description, "[]\\") + ']' +
-                         zsh_value(option.value));
+        std::string one = option.repeats ? "*" : '(' + joined(option.names, " ") + ')';
+        one += name;
+        one += !takes ? "" : name.starts_with("--") ? "=" : "+";
+        one += '[' + escaped(option.description, "[]\\") + ']';
+        one += zsh_value(option.value);
+        specifications += ' ' + quoted(one);
     }
     return specifications;
 }
