@@ -120,12 +120,19 @@ Event Monitor::next(int type)
 
 std::vector<Event> Monitor::all()
 {
-    // What is looked up before it is reported takes slapd a moment; it answers in order.
-    for (int i = 0; i < 3; ++i)
-        wait_for_sandbox(session_);
+    // Events come in order: when a new registration has been told of itself (type 20), nothing
+    // older is on its way any more.
+    EVT_EventSpecifier beginning{20, 0};
+    int marker = 0;
+    LDAPMessage *raw = nullptr;
+    timeval patience{10, 0};
+    if (ldap_monitor_events(session_.get(), 1, &beginning, &marker) != LDAP_SUCCESS ||
+        ldap_result(session_.get(), marker, LDAP_MSG_ONE, &patience, &raw) != LDAP_RES_INTERMEDIATE)
+        throw std::runtime_error("monitor: a registration is not told of itself");
+    ldap_msgfree(raw);
     std::vector<Event> events;
-    for (Event event = next(std::chrono::milliseconds(100)); event.type != -1;
-         event = next(std::chrono::milliseconds(100)))
+    for (Event event = next(std::chrono::milliseconds(0)); event.type != -1;
+         event = next(std::chrono::milliseconds(0)))
         events.push_back(std::move(event));
     return events;
 }

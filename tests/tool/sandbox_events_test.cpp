@@ -520,6 +520,42 @@ TEST(Operations, ACompareAnAbandonAndAnExtendedOperationAreReported)
     EXPECT_GE(std::count(responses.begin(), responses.end(), LDAP_REQ_EXTENDED), 1);
 }
 
+// slapd looks up many classes side by side and answers in an order of its own.
+TEST(Operations, EventsComeInTheOrderOfTheAnswers)
+{
+    Monitor monitor(sandbox().admin(), {{compare}, {search_done}});
+    const Session other = sandbox().admin();
+    std::string asserted = "people";
+    berval value{asserted.size(), asserted.data()};
+    std::string nothing = LDAP_NO_ATTRS;
+    char *attributes[] = {nothing.data(), nullptr};
+    constexpr int rounds = 300;
+    int id = 0;
+    for (int i = 0; i < rounds; ++i) {
+        const std::string name = i % 2 == 0 ? people : unit("none");
+        ASSERT_EQ(ldap_compare_ext(other.get(), name.c_str(), "ou", &value, nullptr, nullptr, &id),
+                  LDAP_SUCCESS);
+        ASSERT_EQ(ldap_search_ext(other.get(), "", LDAP_SCOPE_BASE, nullptr, attributes, 0, nullptr,
+                                  nullptr, nullptr, 0, &id),
+                  LDAP_SUCCESS);
+    }
+    std::vector<int> answered;
+    while (answered.size() < std::size_t{2 * rounds}) {
+        LDAPMessage *raw = nullptr;
+        timeval patience{10, 0};
+        ASSERT_GT(ldap_result(other.get(), LDAP_RES_ANY, LDAP_MSG_ONE, &patience, &raw), 0);
+        if (ldap_msgtype(raw) != LDAP_RES_SEARCH_ENTRY)
+            answered.push_back(ldap_msgid(raw));
+        ldap_msgfree(raw);
+    }
+    std::vector<int> reported;
+    for (const Event &event : monitor.all())
+        reported.push_back(static_cast<int>(event.type == compare
+                                                ? event.as<EVT_CompareEventData>()->msgID
+                                                : event.as<EVT_SearchEventData>()->msgID));
+    EXPECT_EQ(reported, answered);
+}
+
 TEST(Operations, AResponseBringsTheMatchedName)
 {
     Monitor monitor(sandbox().admin(), {{response, failures}});

@@ -558,14 +558,19 @@ void EventSources::compare_images(const Request &request, const std::string &dn,
                        values_only_in(attribute, before));
 }
 
-// The entry's class, from its image or by asking slapd for it.
+// The entry's class, from its image or by asking slapd for it. slapd may answer in another order
+// than it was asked in.
 void EventSources::with_class(const Request &request, const std::string &dn, UseClass use)
 {
     if (request->has_images())
         return use(request->class_name());
     directory_.read(as_administrator, dn, {"structuralObjectClass"},
-                    [use = std::move(use)](const Result &, const Entry &entry) {
-                        use(entry.value("structuralObjectClass"));
+                    [this, place = events_.reserve(), use = std::move(use)](const Result &,
+                                                                            const Entry &entry) {
+                        events_.fill(place,
+                                     [use, class_name = entry.value("structuralObjectClass")] {
+                                         use(class_name);
+                                     });
                     });
 }
 

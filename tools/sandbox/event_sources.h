@@ -1,9 +1,9 @@
 // Turns what passes the gateway into events: each request that was answered into the event of its
 // kind, each change that was made into events about the entry and its values.
 //
-// The events of one request come together, in the order in which slapd answered. Only where the
-// class of an entry has to be looked up first (a compare, a change that failed) an event may come
-// a little later than the others.
+// The events of one request come together, in the order in which requests were answered: where the
+// class of an entry has to be looked up first (a compare, a change that failed), what comes after
+// waits for it.
 #pragma once
 
 #include "events.h"

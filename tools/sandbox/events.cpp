@@ -207,6 +207,30 @@ bool Events::are_wanted(EventType type, int result) const
 
 void Events::publish(const Event &event)
 {
+    if (line_.empty() || is_telling_)
+        return publish_now(event);
+    fill(reserve(), [this, event] { publish_now(event); });
+}
+
+Events::Place Events::reserve()
+{
+    return line_.emplace_back(std::make_shared<std::function<void()>>());
+}
+
+void Events::fill(const Place &place, std::function<void()> tell)
+{
+    *place = std::move(tell);
+    is_telling_ = true;
+    while (!line_.empty() && *line_.front()) {
+        const Place first = std::move(line_.front());
+        line_.pop_front();
+        (*first)();
+    }
+    is_telling_ = false;
+}
+
+void Events::publish_now(const Event &event)
+{
     const bool by_any = !find_event_kind(event.type)->on_request;
     std::shared_ptr<const std::string> bytes;
     for (const auto &monitor : monitors_) {

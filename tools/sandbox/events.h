@@ -1,5 +1,8 @@
 // The monitors: who asked for which events, and their delivery.
 //
+// Events come in the order in which they are published. Where something has to be looked up first,
+// a place is reserved: what is published meanwhile waits behind it.
+//
 // A registration stands as long as its request is outstanding. It ends without a word when the
 // client abandons it or leaves, with its closing response when the client cancels it, when the
 // sandbox stops, or when the client does not take what is sent to it: what waits for a client is
@@ -27,6 +30,7 @@
 #include <array>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -55,6 +59,12 @@ public:
     bool are_wanted(EventType type, int result) const;
     void publish(const Event &event);
 
+    // A place in the stream for events that are known later. It must be filled, once, or nothing
+    // comes after it; `tell` publishes them when their turn has come.
+    using Place = std::shared_ptr<std::function<void()>>;
+    Place reserve();
+    void fill(const Place &place, std::function<void()> tell);
+
     // Ends every registration: the sandbox is stopping.
     void close();
 
@@ -64,6 +74,7 @@ private:
 
     void start(std::shared_ptr<Call> call, bool filtered);
     void admit(std::shared_ptr<Call> call, const std::vector<Specifier> &specifiers);
+    void publish_now(const Event &event);
     void send_samples(const std::shared_ptr<Monitor> &monitor);
     void deliver(const std::shared_ptr<Monitor> &monitor,
                  const std::shared_ptr<const std::string> &bytes);
@@ -76,6 +87,8 @@ private:
     asio::io_context &loop_;
     EventOptions options_;
     std::list<std::shared_ptr<Monitor>> monitors_;
+    std::deque<Place> line_;  // from the first place that is not filled
+    bool is_telling_ = false; // what is published comes now, ahead of the line
     // By event type: whether anybody wants its failures, its successes.
     std::array<std::array<bool, 2>, highest_event_type + 1> wishes_{};
 };
