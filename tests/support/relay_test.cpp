@@ -39,7 +39,8 @@ public:
     ~Echo()
     {
         shutdown(listener_, SHUT_RDWR);
-        thread_.join();
+        if (thread_.joinable())
+            thread_.join();
         close(listener_);
     }
     Echo(const Echo &) = delete;
@@ -49,14 +50,12 @@ public:
     {
         return port_;
     }
-    // How much it has received when the connection is over.
+    // How much it has received when the connection is over. There must have been one, which may
+    // still wait to be accepted.
     std::size_t received()
     {
-        shutdown(listener_, SHUT_RDWR);
-        if (thread_.joinable()) {
+        if (thread_.joinable())
             thread_.join();
-            thread_ = std::thread([] {});
-        }
         return received_;
     }
 
