@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -726,6 +727,44 @@ TEST(TheEnd, comes_with_the_connection_s)
     EXPECT_EQ(end.error().code, LDAP_SERVER_DOWN);
     EXPECT_EQ(loading.load->progress(), (BulkSummary{2, 1, 0, 2}));
     EXPECT_EQ(loading.load->submit(removal("cn=c")).error(), end.error());
+}
+
+TEST(TheEnd, comes_after_what_came_whole_when_the_connection_ends_after_any_byte)
+{
+    const std::vector<string> answers = {
+        extended_response(1, {.name = lburp(2)}),
+        extended_response(2, {.name = lburp(7), .value = failed(1, 32, "gone")}),
+        extended_response(3, {.name = lburp(5)})};
+    const std::size_t begun = answers[0].size();
+    const std::size_t answered = begun + answers[1].size();
+    const string whole = answers[0] + answers[1] + answers[2];
+    for (const bool closes : {true, false})
+        for (std::size_t length = 0; length < whole.size(); ++length) {
+            SCOPED_TRACE(length);
+            const int lost = closes ? LDAP_SERVER_DOWN : LDAP_TIMEOUT;
+            Peer peer;
+            peer.limit_waits(1ms);
+            peer.send(whole.substr(0, length));
+            if (closes)
+                peer.finish();
+            std::vector<string> failures;
+            Result<BulkLoad> load =
+                BulkLoad::start(Session(peer.ld()), [&](const BulkFailure &failure) {
+                    failures.push_back(shown(failure));
+                });
+            ASSERT_EQ(load.has_value(), length >= begun);
+            if (!load) {
+                EXPECT_EQ(load.error().code, lost);
+                continue;
+            }
+            EXPECT_TRUE(load->submit(removal("cn=a")));
+            const Result<BulkSummary> end = load->finish();
+            ASSERT_FALSE(end);
+            EXPECT_EQ(end.error().code, lost);
+            const std::size_t known = length >= answered ? 1 : 0;
+            EXPECT_EQ(load->progress(), (BulkSummary{1, known, known, 1}));
+            EXPECT_EQ(failures.size(), known);
+        }
 }
 
 TEST(TheEnd, comes_with_garbage)

@@ -1,7 +1,9 @@
 // The event stream of the C++ layer: registration, waiting, the end in all its forms, moves.
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <thread>
@@ -285,6 +287,42 @@ TEST(Stream, is_iterated_to_the_loss_of_its_connection)
     EXPECT_TRUE(monitor.stream.ended());
     EXPECT_FALSE(monitor.stream.end_of_stream());
     EXPECT_FALSE(monitor.stream.next().value());
+}
+
+TEST(Stream, gives_what_came_whole_when_the_connection_ends_after_any_byte)
+{
+    const string event = intermediate_response(1, LDAPX_EVENT_NOTIFICATION, event_value(1));
+    const string whole = event + event + extended_response(1, {});
+    for (std::size_t length = 0; length < whole.size(); ++length) {
+        SCOPED_TRACE(length);
+        Registered monitor;
+        ASSERT_EQ(monitor.id, 1);
+        monitor.peer.send(whole.substr(0, length));
+        monitor.peer.finish();
+        std::vector<int> codes;
+        for (const Result<Event> &each : monitor.stream.until_end())
+            codes.push_back(each ? 0 : each.error().code);
+        std::vector<int> expected(std::min<std::size_t>(length / event.size(), 2), 0);
+        expected.push_back(LDAP_SERVER_DOWN);
+        EXPECT_EQ(codes, expected);
+        EXPECT_FALSE(monitor.stream.end_of_stream());
+    }
+}
+
+TEST(Stream, gives_what_came_whole_when_the_server_falls_silent_after_any_byte)
+{
+    const string event = intermediate_response(1, LDAPX_EVENT_NOTIFICATION, event_value(1));
+    const string whole = event + event + extended_response(1, {});
+    for (std::size_t length = 0; length < whole.size(); ++length) {
+        SCOPED_TRACE(length);
+        Registered monitor;
+        monitor.peer.limit_waits(1ms);
+        monitor.peer.send(whole.substr(0, length));
+        for (std::size_t left = std::min<std::size_t>(length / event.size(), 2); left > 0; --left)
+            EXPECT_EQ(monitor.next(), 1);
+        EXPECT_FALSE(monitor.stream.next(1ms).value());
+        EXPECT_FALSE(monitor.stream.ended());
+    }
 }
 
 TEST(End, by_a_loss_that_another_call_has_found_is_the_same_loss)

@@ -1,11 +1,17 @@
 // The connection breaks: it is closed, reset or silent before the response and after each byte of
 // it. Every operation gives a code within the session's time limit, and the caller holds nothing.
+// The exchanges of several messages, events and bulk update, break in the same ways at every byte.
 
+#include <algorithm>
 #include <chrono>
+#include <climits>
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <vector>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -18,27 +24,19 @@
 #include "support/ber.h"
 #include "support/peer.h"
 
+#include "ldap_events.h"
+
 using namespace support;
 using namespace std::chrono_literals;
 
 namespace {
 
-// libldap's own time limit covers the wait for a response to begin; once it has begun, libldap
-// reads until it is whole, however long that takes. So the socket needs a limit too.
-void limit_waits(const Peer &peer, std::chrono::milliseconds limit)
-{
-    int descriptor = -1;
-    ldap_get_option(peer.ld(), LDAP_OPT_DESC, &descriptor);
-    const timeval wait{0, static_cast<suseconds_t>(limit / 1us)};
-    setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-    peer.set_timeout(limit);
-}
-
-// A server on loopback that takes one connection, reads a request, says something and resets the
-// connection.
+// A server on loopback that takes one connection, answers each request with the next of its
+// answers, and resets the connection when it has said so many bytes.
 class ResettingServer {
 public:
-    explicit ResettingServer(std::string says) : listening_(socket(AF_INET, SOCK_STREAM, 0))
+    ResettingServer(std::vector<std::string> answers, std::size_t says)
+        : listening_(socket(AF_INET, SOCK_STREAM, 0))
     {
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -48,33 +46,47 @@ public:
         if (bind(listening_, any, length) != 0 || listen(listening_, 1) != 0 ||
             getsockname(listening_, any, &length) != 0)
             throw std::runtime_error("no server on loopback");
-        uri_ = "ldap://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-        thread_ = std::thread([this, says = std::move(says)] {
-            const int client = accept(listening_, nullptr, nullptr);
-            char request[4096]; // it is small, and written at once
-            static_cast<void>(recv(client, request, sizeof request, 0));
-            static_cast<void>(::send(client, says.data(), says.size(), MSG_NOSIGNAL));
-            const linger at_once{1, 0};
-            setsockopt(client, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
-            close(client);
-        });
+        const std::string uri = "ldap://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+        const int version = LDAP_VERSION3;
+        if (ldap_initialize(&ld_, uri.c_str()) != LDAP_SUCCESS ||
+            ldap_set_option(ld_, LDAP_OPT_PROTOCOL_VERSION, &version) != LDAP_OPT_SUCCESS)
+            throw std::runtime_error("no session with a server on loopback");
+        thread_ = std::thread([this, answers = std::move(answers), says] { serve(answers, says); });
     }
     ~ResettingServer()
     {
+        ldap_unbind_ext_s(ld_, nullptr, nullptr);
         thread_.join();
         close(listening_);
     }
     ResettingServer(const ResettingServer &) = delete;
     ResettingServer &operator=(const ResettingServer &) = delete;
 
-    const std::string &uri() const
+    LDAP *ld() const
     {
-        return uri_;
+        return ld_;
     }
 
 private:
+    void serve(const std::vector<std::string> &answers, std::size_t left) const
+    {
+        const int client = accept(listening_, nullptr, nullptr);
+        for (const std::string &answer : answers) {
+            char request[4096]; // it is small, and written at once
+            static_cast<void>(recv(client, request, sizeof request, 0));
+            const std::size_t length = std::min(left, answer.size());
+            static_cast<void>(::send(client, answer.data(), length, MSG_NOSIGNAL));
+            left -= length;
+            if (length < answer.size())
+                break;
+        }
+        const linger at_once{1, 0};
+        setsockopt(client, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+        close(client);
+    }
+
     int listening_;
-    std::string uri_;
+    LDAP *ld_ = nullptr;
     std::thread thread_;
 };
 
@@ -164,24 +176,19 @@ TEST_P(EveryOperation, ends_when_the_server_falls_silent_before_or_after_any_byt
     for (std::size_t length = 0; length < whole.size(); ++length) {
         SCOPED_TRACE(length);
         Peer peer;
-        limit_waits(peer, 1ms);
+        peer.limit_waits(1ms);
         peer.send(whole.substr(0, length));
         expect_nothing(peer.ld(), LDAP_TIMEOUT);
     }
 }
 
-TEST_P(EveryOperation, ends_when_the_connection_is_reset)
+TEST_P(EveryOperation, ends_when_the_connection_is_reset_before_or_after_any_byte_of_the_response)
 {
     const std::string whole = response();
-    for (const std::size_t length : {std::size_t{0}, std::size_t{1}, whole.size() - 1}) {
+    for (std::size_t length = 0; length < whole.size(); ++length) {
         SCOPED_TRACE(length);
-        const ResettingServer server(whole.substr(0, length));
-        LDAP *ld = nullptr;
-        ASSERT_EQ(ldap_initialize(&ld, server.uri().c_str()), LDAP_SUCCESS);
-        const int version = LDAP_VERSION3;
-        ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
-        expect_nothing(ld, LDAP_SERVER_DOWN);
-        ldap_unbind_ext_s(ld, nullptr, nullptr);
+        const ResettingServer server({whole}, length);
+        expect_nothing(server.ld(), LDAP_SERVER_DOWN);
     }
 }
 
@@ -209,4 +216,213 @@ TEST_P(EveryAnswer, of_64_MiB_is_taken_like_any_other)
         EXPECT_EQ(code, LDAPX_DECODING_ERROR);
     else
         EXPECT_EQ(code, GetParam().undecodable);
+}
+
+// ---- Exchanges of several messages --------------------------------------------------------------
+
+namespace {
+
+// Has the other side answer the request that was sent.
+using Answer = std::function<void()>;
+
+Message next_message(LDAP *ld, int id, std::chrono::milliseconds patience)
+{
+    timeval wait{patience / 1s, static_cast<suseconds_t>(patience % 1s / 1us)};
+    LDAPMessage *message = nullptr;
+    ldap_result(ld, id, LDAP_MSG_ONE, &wait, &message);
+    return Message(message);
+}
+
+struct Exchange {
+    std::string name;
+    std::vector<std::string> answers; // each the bytes of one message or of several
+    // Goes through the exchange as far as it gets and returns how many messages it has read.
+    int (*run)(LDAP *ld, std::chrono::milliseconds patience, const Answer &answer);
+
+    friend std::ostream &operator<<(std::ostream &out, const Exchange &exchange)
+    {
+        return out << exchange.name;
+    }
+};
+
+int watch(LDAP *ld, std::chrono::milliseconds patience, const Answer &answer)
+{
+    EVT_EventSpecifier any{0, 0};
+    int id = 0, code = 0, result = 0, read = 0;
+    EXPECT_EQ(ldap_monitor_events(ld, 1, &any, &id), LDAP_SUCCESS);
+    answer();
+    Message message = next_message(ld, id, patience);
+    for (; message && ldap_msgtype(message.get()) == LDAP_RES_INTERMEDIATE; ++read) {
+        void *event = nullptr;
+        EXPECT_EQ(ldap_parse_ds_event(ld, message.get(), &code, &result, &event, 0), LDAP_SUCCESS);
+        EXPECT_NE(event, nullptr);
+        if (event != nullptr)
+            ldap_event_free(event);
+        message = next_message(ld, id, patience);
+    }
+    if (!message)
+        return read;
+    int rejected = 0;
+    EVT_EventSpecifier *events = nullptr;
+    char *text = nullptr;
+    EXPECT_EQ(ldap_parse_monitor_events_response(ld, message.get(), &result, &text, &rejected,
+                                                 &events, 0),
+              LDAP_SUCCESS);
+    EXPECT_EQ(rejected, 0);
+    ldap_memfree(text);
+    ldapx_memfree(events);
+    return read + 1;
+}
+
+int load(LDAP *ld, std::chrono::milliseconds patience, const Answer &answer)
+{
+    int id = 0, code = 0, size = 0;
+    char *text = nullptr;
+    if (ldap_lburp_start_request(ld, &id) != LDAP_SUCCESS)
+        return 0;
+    answer();
+    Message message = next_message(ld, id, patience);
+    if (!message)
+        return 0;
+    EXPECT_EQ(ldap_parse_lburp_start_response(ld, message.get(), &code, &text, &size, 0),
+              LDAP_SUCCESS);
+    EXPECT_EQ(size, 500);
+    ldap_memfree(text);
+
+    char dn[] = "o=x";
+    LBURPUpdateOperationList removal{LDAP_REQ_DELETE, dn, {}, nullptr, nullptr};
+    LBURPUpdateOperationList *batch[] = {&removal, nullptr};
+    if (ldap_lburp_operation_request(ld, 1, batch, &id) != LDAP_SUCCESS)
+        return 1;
+    answer();
+    message = next_message(ld, id, patience);
+    if (!message)
+        return 1;
+    int count = 0;
+    LBURPUpdateResult *failed = nullptr;
+    EXPECT_EQ(
+        ldap_parse_lburp_operation_response(ld, message.get(), &code, &text, &count, &failed, 0),
+        LDAP_SUCCESS);
+    EXPECT_EQ(count, 1);
+    for (int i = 0; i < count; ++i)
+        ldapx_memfree(failed[i].errorMsg);
+    ldapx_memfree(failed);
+    ldap_memfree(text);
+
+    if (ldap_lburp_end_request(ld, 2, &id) != LDAP_SUCCESS)
+        return 2;
+    answer();
+    message = next_message(ld, id, patience);
+    if (!message)
+        return 2;
+    EXPECT_EQ(ldap_parse_lburp_end_response(ld, message.get(), &code, &text, 0), LDAP_SUCCESS);
+    ldap_memfree(text);
+    return 3;
+}
+
+std::vector<Exchange> every_exchange()
+{
+    const std::string event =
+        sequence(integer(4), integer(0),
+                 element(EVT_TAG_UNKNOWN_OP, concat(integer(9), octets("10.0.0.1"))));
+    const std::string failed =
+        sequence(integer(1), sequence(enumerated(32), octets(""), octets("no such entry")));
+    return {{"events",
+             {intermediate_response(1, LDAPX_EVENT_NOTIFICATION, event) +
+              intermediate_response(1, LDAPX_EVENT_NOTIFICATION, event) +
+              extended_response(1, {})}, // a name would stay allocated
+             watch},
+            {"bulk_update",
+             {extended_response(
+                  1, {.name = LDAPX_LBURP_START_RESPONSE, .value = sequence(integer(500))}),
+              extended_response(2, {.name = LDAPX_LBURP_OPERATION_RESPONSE, .value = failed}),
+              extended_response(3, {.name = LDAPX_LBURP_END_RESPONSE})},
+             load}};
+}
+
+class EveryExchange : public testing::TestWithParam<Exchange> {
+protected:
+    // Where each message ends among the bytes of all answers.
+    static std::vector<std::size_t> ends()
+    {
+        std::vector<std::size_t> ends;
+        std::size_t end = 0;
+        for (const std::string &answer : GetParam().answers)
+            for (std::size_t at = 0; at < answer.size();) {
+                const std::size_t length = whole_element(std::string_view(answer).substr(at));
+                at += length;
+                end += length;
+                ends.push_back(end);
+            }
+        return ends;
+    }
+    // Against a peer that says so many bytes of its answers, and then closes or says nothing more.
+    static int run(Peer &peer, std::size_t left, bool closes)
+    {
+        std::size_t next = 0;
+        return GetParam().run(peer.ld(), 1ms, [&] {
+            const std::string &answer = GetParam().answers.at(next++);
+            const std::size_t length = std::min(left, answer.size());
+            peer.send(answer.substr(0, length));
+            left -= length;
+            if (closes && length < answer.size())
+                peer.finish();
+        });
+    }
+    static int whole_messages(std::size_t said)
+    {
+        const std::vector<std::size_t> all = ends();
+        return static_cast<int>(std::upper_bound(all.begin(), all.end(), said) - all.begin());
+    }
+};
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(Exchange, EveryExchange, testing::ValuesIn(every_exchange()),
+                         [](const auto &exchange) { return exchange.param.name; });
+
+TEST_P(EveryExchange, gives_what_came_whole_when_the_connection_is_closed_after_any_byte)
+{
+    for (std::size_t said = 0; said < ends().back(); ++said) {
+        SCOPED_TRACE(said);
+        Peer peer;
+        EXPECT_EQ(run(peer, said, true), whole_messages(said));
+        EXPECT_EQ(ldap_refresh_server(peer.ld()), LDAP_SERVER_DOWN);
+    }
+    Peer peer;
+    EXPECT_EQ(run(peer, ends().back(), true), whole_messages(ends().back()));
+}
+
+TEST_P(EveryExchange, gives_what_came_whole_when_the_server_falls_silent_after_any_byte)
+{
+    for (std::size_t said = 0; said < ends().back(); ++said) {
+        SCOPED_TRACE(said);
+        Peer peer;
+        peer.limit_waits(1ms);
+        EXPECT_EQ(run(peer, said, false), whole_messages(said));
+        EXPECT_EQ(ldap_refresh_server(peer.ld()), LDAP_TIMEOUT);
+    }
+}
+
+TEST_P(EveryExchange, gives_nothing_that_did_not_come_when_the_connection_is_reset_after_any_byte)
+{
+    for (std::size_t said = 0; said < ends().back(); ++said) {
+        SCOPED_TRACE(said);
+        const ResettingServer server(GetParam().answers, said);
+        EXPECT_LE(GetParam().run(server.ld(), 10s, [] {}), whole_messages(said));
+        EXPECT_EQ(ldap_refresh_server(server.ld()), LDAP_SERVER_DOWN);
+    }
+}
+
+TEST_P(EveryExchange, passes_over_messages_to_nobody_s_request)
+{
+    Peer peer;
+    std::size_t next = 0;
+    const int read = GetParam().run(peer.ld(), 1ms, [&] {
+        for (const int id : {7, 99, INT_MAX})
+            peer.send(extended_response(id, {.code = LDAP_BUSY, .name = "1.2.3"}));
+        peer.send(intermediate_response(98, LDAPX_EVENT_NOTIFICATION, "nothing"));
+        peer.send(GetParam().answers.at(next++));
+    });
+    EXPECT_EQ(read, static_cast<int>(ends().size()));
 }

@@ -229,6 +229,16 @@ void Peer::set_timeout(std::chrono::milliseconds wait) const
     ldap_set_option(ld(), LDAP_OPT_TIMEOUT, &limit);
 }
 
+void Peer::limit_waits(std::chrono::milliseconds limit) const
+{
+    int descriptor = -1;
+    ldap_get_option(ld(), LDAP_OPT_DESC, &descriptor);
+    const timeval wait{limit / 1s, static_cast<suseconds_t>(limit % 1s / 1us)};
+    if (setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait) != 0)
+        fail("setsockopt");
+    set_timeout(limit);
+}
+
 void Peer::respond(const Response &response)
 {
     send(extended_response(response.id ? *response.id : state_->next_id++, response));

@@ -76,6 +76,9 @@ public:
     LDAP *ld() const;
     int session_code() const; // the session's result code
     void set_timeout(std::chrono::milliseconds wait) const;
+    // The same, also where a response has begun: libldap's own limit ends there, so the socket gets
+    // one too.
+    void limit_waits(std::chrono::milliseconds limit) const;
 
     void respond(const Response &response);
     void respond_intermediate(const std::optional<std::string> &name,
