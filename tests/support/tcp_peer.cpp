@@ -1,6 +1,6 @@
 #include "tcp_peer.h"
 
-#include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <list>
@@ -36,6 +36,15 @@ std::string bind_response(int id, const Response &response, const std::string &c
                     element(0x61, concat(enumerated(response.code), octets(response.matched_dn),
                                          octets(response.diagnostic))),
                     controls.empty() ? "" : element(0xa0, controls));
+}
+
+sockaddr_in loopback(int port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<in_port_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
 }
 
 // A connection's bytes, with or without TLS.
@@ -114,6 +123,8 @@ struct TcpPeer::State {
     bool tls_at_once = false;
     int mute_after = -1; // so many requests of a connection
     int connections = 0;
+    in_port_t last = 0; // the port of the client behind which no other waits
+    std::condition_variable last_has_come;
 
     void accept_all();
     void serve(int file);
@@ -123,9 +134,7 @@ struct TcpPeer::State {
 TcpPeer::TcpPeer() : state_(std::make_unique<State>())
 {
     answer_bind({});
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address = loopback(0);
     socklen_t length = sizeof address;
     auto *generic = reinterpret_cast<sockaddr *>(&address);
     state_->listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -153,10 +162,19 @@ TcpPeer::~TcpPeer()
 void TcpPeer::State::accept_all()
 {
     for (;;) {
-        const int file = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        sockaddr_in client{};
+        socklen_t length = sizeof client;
+        const int file =
+            accept4(listener, reinterpret_cast<sockaddr *>(&client), &length, SOCK_CLOEXEC);
         if (file == -1)
             return;
         const std::lock_guard lock(mutex);
+        if (client.sin_port == last) {
+            close(file);
+            last = 0;
+            last_has_come.notify_one();
+            continue;
+        }
         ++connections;
         files.push_back(file);
         serving.emplace_back([this, file] { serve(file); });
@@ -328,9 +346,21 @@ Request TcpPeer::request(const std::string &name) const
 
 int TcpPeer::connections() const
 {
-    // A client that has come and gone may still wait in the listener's queue.
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    const std::lock_guard lock(state_->mutex);
+    // A client that has come and gone may still wait to be accepted. This one is accepted last.
+    const int file = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof address;
+    auto *generic = reinterpret_cast<sockaddr *>(&address);
+    if (file == -1 || ::bind(file, generic, length) == -1 ||
+        getsockname(file, generic, &length) == -1)
+        throw std::system_error(errno, std::generic_category(), "bind");
+    std::unique_lock lock(state_->mutex);
+    state_->last = address.sin_port;
+    address = loopback(state_->port);
+    if (connect(file, generic, length) == -1)
+        throw std::system_error(errno, std::generic_category(), "connect");
+    state_->last_has_come.wait(lock, [this] { return state_->last == 0; });
+    close(file);
     return state_->connections;
 }
 

@@ -223,7 +223,7 @@ TEST_F(Tls, handshake_can_be_interrupted)
                          "tls_reqcert=never", "refresh"}),
                 isolated());
     while (peer.connections() == 0)
-        ;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     child.signal(SIGINT);
     const Finished finished = child.wait();
