@@ -82,9 +82,10 @@ struct Peer::State {
     int fd = -1; // the peer's end
     int next_id = 1;
 
-    std::mutex mutex; // guards the five below once the thread runs
+    std::mutex mutex; // guards the six below once the thread runs
     std::string incoming;
     std::string outgoing;
+    std::size_t written = 0; // of outgoing
     bool finishing = false;
     bool reading = false;
     bool stopping = false;
@@ -114,15 +115,18 @@ bool Peer::State::read_some()
 
 void Peer::State::write_some()
 {
-    while (!outgoing.empty()) {
-        ssize_t put = ::send(fd, outgoing.data(), outgoing.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    while (written < outgoing.size()) {
+        ssize_t put = ::send(fd, outgoing.data() + written, outgoing.size() - written,
+                             MSG_DONTWAIT | MSG_NOSIGNAL);
         if (put > 0)
-            outgoing.erase(0, static_cast<std::size_t>(put));
+            written += static_cast<std::size_t>(put);
         else if (errno == EAGAIN || errno == EWOULDBLOCK)
             return;
         else if (errno != EINTR)
-            outgoing.clear(); // the session has closed: nobody is left to read it
+            break; // the session has closed: nobody is left to read it
     }
+    outgoing.clear();
+    written = 0;
     if (finishing)
         shutdown(fd, SHUT_WR);
 }
