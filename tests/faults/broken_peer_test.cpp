@@ -13,8 +13,6 @@
 #include <thread>
 #include <vector>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -22,6 +20,7 @@
 
 #include "support/administration.h"
 #include "support/ber.h"
+#include "support/loopback.h"
 #include "support/peer.h"
 
 #include "ldap_events.h"
@@ -36,17 +35,8 @@ namespace {
 class ResettingServer {
 public:
     ResettingServer(std::vector<std::string> answers, std::size_t says)
-        : listening_(socket(AF_INET, SOCK_STREAM, 0))
     {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        auto *any = reinterpret_cast<sockaddr *>(&address);
-        if (bind(listening_, any, length) != 0 || listen(listening_, 1) != 0 ||
-            getsockname(listening_, any, &length) != 0)
-            throw std::runtime_error("no server on loopback");
-        const std::string uri = "ldap://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+        const std::string uri = "ldap://127.0.0.1:" + std::to_string(port_of(listener_));
         const int version = LDAP_VERSION3;
         if (ldap_initialize(&ld_, uri.c_str()) != LDAP_SUCCESS ||
             ldap_set_option(ld_, LDAP_OPT_PROTOCOL_VERSION, &version) != LDAP_OPT_SUCCESS)
@@ -57,7 +47,6 @@ public:
     {
         ldap_unbind_ext_s(ld_, nullptr, nullptr);
         thread_.join();
-        close(listening_);
     }
     ResettingServer(const ResettingServer &) = delete;
     ResettingServer &operator=(const ResettingServer &) = delete;
@@ -70,22 +59,21 @@ public:
 private:
     void serve(const std::vector<std::string> &answers, std::size_t left) const
     {
-        const int client = accept(listening_, nullptr, nullptr);
+        const Socket client(accept(listener_.get(), nullptr, nullptr));
         for (const std::string &answer : answers) {
             char request[4096]; // it is small, and written at once
-            static_cast<void>(recv(client, request, sizeof request, 0));
+            static_cast<void>(recv(client.get(), request, sizeof request, 0));
             const std::size_t length = std::min(left, answer.size());
-            static_cast<void>(::send(client, answer.data(), length, MSG_NOSIGNAL));
+            static_cast<void>(::send(client.get(), answer.data(), length, MSG_NOSIGNAL));
             left -= length;
             if (length < answer.size())
                 break;
         }
         const linger at_once{1, 0};
-        setsockopt(client, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
-        close(client);
+        setsockopt(client.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
     }
 
-    int listening_;
+    Socket listener_ = listening_socket();
     LDAP *ld_ = nullptr;
     std::thread thread_;
 };

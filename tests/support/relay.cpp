@@ -13,12 +13,14 @@
 #include <utility>
 #include <vector>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include "support/loopback.h"
 
 namespace support {
 
@@ -32,35 +34,6 @@ constexpr std::size_t most_on_the_line = 64UL * 1024 * 1024; // then the sender 
 [[noreturn]] void fail(const char *what)
 {
     throw std::system_error(errno, std::generic_category(), what);
-}
-
-class Socket {
-public:
-    explicit Socket(int file = -1) : file_(file) {}
-    ~Socket()
-    {
-        if (file_ >= 0)
-            close(file_);
-    }
-    Socket(Socket &&other) noexcept : file_(std::exchange(other.file_, -1)) {}
-    Socket &operator=(Socket &&) = delete;
-
-    int get() const
-    {
-        return file_;
-    }
-
-private:
-    int file_;
-};
-
-sockaddr_in loopback(int port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<in_port_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
 }
 
 void make_ready(int file)
@@ -163,8 +136,7 @@ struct Connection {
 struct DelayingRelay::State {
     int server_port;
     std::chrono::microseconds delay;
-    Socket listener{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    int port = 0;
+    Socket listener = listening_socket();
     std::array<int, 2> wake{}; // a pipe: the relay is to look at what it was told
     std::atomic<bool> stop = false;
     std::atomic<bool> was_cut = false;
@@ -178,14 +150,15 @@ struct DelayingRelay::State {
     void accept_one()
     {
         Socket client(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        Socket server(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const sockaddr_in address = loopback(server_port);
-        if (client.get() < 0 || connect(server.get(), reinterpret_cast<const sockaddr *>(&address),
-                                        sizeof address) != 0)
+        if (client.get() < 0)
             return;
-        make_ready(client.get());
-        make_ready(server.get());
-        connections.emplace_back(std::move(client), std::move(server));
+        try {
+            Socket server = connected_socket(server_port);
+            make_ready(client.get());
+            make_ready(server.get());
+            connections.emplace_back(std::move(client), std::move(server));
+        } catch (const std::system_error &) { // the client sees its connection end
+        }
     }
 
     // False when the line is to be cut.
@@ -262,14 +235,8 @@ struct DelayingRelay::State {
 DelayingRelay::DelayingRelay(int server_port, std::chrono::microseconds each_way)
     : state_(std::make_unique<State>(server_port, each_way))
 {
-    sockaddr_in address = loopback(0);
-    socklen_t length = sizeof address;
-    if (bind(state_->listener.get(), reinterpret_cast<sockaddr *>(&address), length) != 0 ||
-        listen(state_->listener.get(), 16) != 0 ||
-        getsockname(state_->listener.get(), reinterpret_cast<sockaddr *>(&address), &length) != 0 ||
-        pipe2(state_->wake.data(), O_CLOEXEC) != 0)
-        fail("the relay cannot listen");
-    state_->port = ntohs(address.sin_port);
+    if (pipe2(state_->wake.data(), O_CLOEXEC) != 0)
+        fail("pipe");
     state_->thread = std::thread([this] { state_->work(); });
 }
 
@@ -284,12 +251,12 @@ DelayingRelay::~DelayingRelay()
 
 int DelayingRelay::port() const
 {
-    return state_->port;
+    return port_of(state_->listener);
 }
 
 std::string DelayingRelay::url() const
 {
-    return "ldap://127.0.0.1:" + std::to_string(state_->port);
+    return "ldap://127.0.0.1:" + std::to_string(port());
 }
 
 void DelayingRelay::cut_after_requests(std::size_t bytes)

@@ -1,5 +1,6 @@
 // The relay that delays, against a server that sends everything back.
 
+#include "support/loopback.h"
 #include "support/relay.h"
 
 #include <algorithm>
@@ -8,11 +9,10 @@
 #include <string>
 #include <thread>
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 using namespace support;
 using namespace std::chrono_literals;
@@ -24,31 +24,22 @@ using Clock = std::chrono::steady_clock;
 // Sends back what it receives, on one connection, and counts it.
 class Echo {
 public:
-    Echo() : listener_(socket(AF_INET, SOCK_STREAM, 0))
+    Echo()
     {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr *>(&address), length), 0);
-        EXPECT_EQ(listen(listener_, 1), 0);
-        EXPECT_EQ(getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &length), 0);
-        port_ = ntohs(address.sin_port);
         thread_ = std::thread([this] { serve(); });
     }
     ~Echo()
     {
-        shutdown(listener_, SHUT_RDWR);
+        shutdown(listener_.get(), SHUT_RDWR);
         if (thread_.joinable())
             thread_.join();
-        close(listener_);
     }
     Echo(const Echo &) = delete;
     Echo &operator=(const Echo &) = delete;
 
     int port() const
     {
-        return port_;
+        return port_of(listener_);
     }
     // How much it has received when the connection is over. There must have been one, which may
     // still wait to be accepted.
@@ -62,48 +53,37 @@ public:
 private:
     void serve()
     {
-        const int connection = accept(listener_, nullptr, nullptr);
-        if (connection < 0)
+        const Socket connection(accept(listener_.get(), nullptr, nullptr));
+        if (connection.get() < 0)
             return;
         std::array<char, 65536> buffer{};
-        for (ssize_t got = 0; (got = recv(connection, buffer.data(), buffer.size(), 0)) > 0;) {
+        for (ssize_t got = 0;
+             (got = recv(connection.get(), buffer.data(), buffer.size(), 0)) > 0;) {
             received_ += static_cast<std::size_t>(got);
-            if (send(connection, buffer.data(), static_cast<std::size_t>(got), MSG_NOSIGNAL) < 0)
+            if (send(connection.get(), buffer.data(), static_cast<std::size_t>(got), MSG_NOSIGNAL) <
+                0)
                 break;
         }
-        close(connection);
     }
 
-    int listener_;
-    int port_ = 0;
+    Socket listener_ = listening_socket();
     std::size_t received_ = 0;
     std::thread thread_;
 };
 
 class Client {
 public:
-    explicit Client(int port) : socket_(socket(AF_INET, SOCK_STREAM, 0))
+    explicit Client(int port) : socket_(connected_socket(port))
     {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<in_port_t>(port));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(connect(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
         const int on = 1;
-        setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     }
-    ~Client()
-    {
-        close(socket_);
-    }
-    Client(const Client &) = delete;
-    Client &operator=(const Client &) = delete;
 
     void send(const std::string &bytes) const
     {
         for (std::size_t sent = 0; sent < bytes.size();) {
             const ssize_t now =
-                ::send(socket_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+                ::send(socket_.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
             if (now < 0)
                 return; // it was cut
             sent += static_cast<std::size_t>(now);
@@ -116,7 +96,7 @@ public:
         std::array<char, 65536> buffer{};
         while (bytes.size() < size) {
             const ssize_t got =
-                recv(socket_, buffer.data(), std::min(buffer.size(), size - bytes.size()), 0);
+                recv(socket_.get(), buffer.data(), std::min(buffer.size(), size - bytes.size()), 0);
             if (got <= 0)
                 break;
             bytes.append(buffer.data(), static_cast<std::size_t>(got));
@@ -125,11 +105,11 @@ public:
     }
     void end() const
     {
-        shutdown(socket_, SHUT_WR);
+        shutdown(socket_.get(), SHUT_WR);
     }
 
 private:
-    int socket_;
+    Socket socket_;
 };
 
 } // namespace

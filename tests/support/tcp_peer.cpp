@@ -8,7 +8,6 @@
 #include <mutex>
 #include <optional>
 #include <stdexcept>
-#include <system_error>
 #include <thread>
 
 #include <arpa/inet.h>
@@ -18,6 +17,7 @@
 #include <unistd.h>
 
 #include "support/ber.h"
+#include "support/loopback.h"
 
 namespace support {
 
@@ -36,15 +36,6 @@ std::string bind_response(int id, const Response &response, const std::string &c
                     element(0x61, concat(enumerated(response.code), octets(response.matched_dn),
                                          octets(response.diagnostic))),
                     controls.empty() ? "" : element(0xa0, controls));
-}
-
-sockaddr_in loopback(int port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<in_port_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
 }
 
 // A connection's bytes, with or without TLS.
@@ -106,8 +97,7 @@ private:
 } // namespace
 
 struct TcpPeer::State {
-    int listener = -1;
-    int port = 0;
+    Socket listener = listening_socket();
     std::thread accepting;
 
     mutable std::mutex mutex; // guards what follows
@@ -123,7 +113,7 @@ struct TcpPeer::State {
     bool tls_at_once = false;
     int mute_after = -1; // so many requests of a connection
     int connections = 0;
-    in_port_t last = 0; // the port of the client behind which no other waits
+    int last = 0; // the port of the client behind which no other waits
     std::condition_variable last_has_come;
 
     void accept_all();
@@ -134,22 +124,13 @@ struct TcpPeer::State {
 TcpPeer::TcpPeer() : state_(std::make_unique<State>())
 {
     answer_bind({});
-    sockaddr_in address = loopback(0);
-    socklen_t length = sizeof address;
-    auto *generic = reinterpret_cast<sockaddr *>(&address);
-    state_->listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (state_->listener == -1 || ::bind(state_->listener, generic, length) == -1 ||
-        listen(state_->listener, 16) == -1 || getsockname(state_->listener, generic, &length) == -1)
-        throw std::system_error(errno, std::generic_category(), "listen");
-    state_->port = ntohs(address.sin_port);
     state_->accepting = std::thread([state = state_.get()] { state->accept_all(); });
 }
 
 TcpPeer::~TcpPeer()
 {
-    shutdown(state_->listener, SHUT_RDWR);
+    shutdown(state_->listener.get(), SHUT_RDWR);
     state_->accepting.join();
-    close(state_->listener);
     {
         const std::lock_guard lock(state_->mutex);
         for (const int file : state_->files)
@@ -165,11 +146,11 @@ void TcpPeer::State::accept_all()
         sockaddr_in client{};
         socklen_t length = sizeof client;
         const int file =
-            accept4(listener, reinterpret_cast<sockaddr *>(&client), &length, SOCK_CLOEXEC);
+            accept4(listener.get(), reinterpret_cast<sockaddr *>(&client), &length, SOCK_CLOEXEC);
         if (file == -1)
             return;
         const std::lock_guard lock(mutex);
-        if (client.sin_port == last) {
+        if (ntohs(client.sin_port) == last) {
             close(file);
             last = 0;
             last_has_come.notify_one();
@@ -231,7 +212,7 @@ Step TcpPeer::State::next_step(const Request &request)
 
 std::string TcpPeer::uri(const std::string &scheme) const
 {
-    return scheme + "://127.0.0.1:" + std::to_string(state_->port);
+    return scheme + "://127.0.0.1:" + std::to_string(port_of(state_->listener));
 }
 
 void TcpPeer::answer(const std::string &name, const Response &response)
@@ -347,20 +328,11 @@ Request TcpPeer::request(const std::string &name) const
 int TcpPeer::connections() const
 {
     // A client that has come and gone may still wait to be accepted. This one is accepted last.
-    const int file = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = loopback(0);
-    socklen_t length = sizeof address;
-    auto *generic = reinterpret_cast<sockaddr *>(&address);
-    if (file == -1 || ::bind(file, generic, length) == -1 ||
-        getsockname(file, generic, &length) == -1)
-        throw std::system_error(errno, std::generic_category(), "bind");
+    const Socket last = bound_socket();
     std::unique_lock lock(state_->mutex);
-    state_->last = address.sin_port;
-    address = loopback(state_->port);
-    if (connect(file, generic, length) == -1)
-        throw std::system_error(errno, std::generic_category(), "connect");
+    state_->last = port_of(last);
+    connect_to(port_of(state_->listener), last);
     state_->last_has_come.wait(lock, [this] { return state_->last == 0; });
-    close(file);
     return state_->connections;
 }
 

@@ -1,9 +1,7 @@
 #include "raw_client.h"
 
-#include <arpa/inet.h>
 #include <cerrno>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -38,33 +36,21 @@ std::string body_of(const std::string &message)
 
 } // namespace
 
-RawClient::RawClient(int port) : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+RawClient::RawClient(int port) : socket_(connected_socket(port))
 {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
-        throw std::runtime_error("no connection to port " + std::to_string(port));
-    fcntl(socket_, F_SETFL, O_NONBLOCK);
-}
-
-RawClient::~RawClient()
-{
-    if (socket_ >= 0)
-        close(socket_);
+    fcntl(socket_.get(), F_SETFL, O_NONBLOCK);
 }
 
 bool RawClient::send(std::string_view bytes, std::chrono::milliseconds patience)
 {
     const auto until = Clock::now() + patience;
     while (!bytes.empty()) {
-        const ssize_t sent = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        const ssize_t sent = ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
         if (sent > 0) {
             bytes.remove_prefix(static_cast<std::size_t>(sent));
             continue;
         }
-        pollfd ready{socket_, POLLOUT, 0};
+        pollfd ready{socket_.get(), POLLOUT, 0};
         if ((errno != EAGAIN && errno != EWOULDBLOCK) || poll(&ready, 1, left(until)) != 1)
             return false;
     }
@@ -73,11 +59,11 @@ bool RawClient::send(std::string_view bytes, std::chrono::milliseconds patience)
 
 bool RawClient::fill(Clock::time_point until)
 {
-    pollfd ready{socket_, POLLIN, 0};
+    pollfd ready{socket_.get(), POLLIN, 0};
     if (ended_ || poll(&ready, 1, left(until)) != 1)
         return false;
     char chunk[65536];
-    const ssize_t size = recv(socket_, chunk, sizeof chunk, 0);
+    const ssize_t size = recv(socket_.get(), chunk, sizeof chunk, 0);
     if (size <= 0) {
         ended_ = true;
         return false;
@@ -109,9 +95,8 @@ bool RawClient::is_closed(std::chrono::milliseconds patience)
 void RawClient::reset()
 {
     const linger at_once{1, 0};
-    setsockopt(socket_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
-    close(socket_);
-    socket_ = -1;
+    setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+    socket_.close();
 }
 
 std::string simple_bind(int id, const std::string &dn, const std::string &password)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "support/ber.h"
+#include "support/loopback.h"
 
 #include <chrono>
 #include <string>
@@ -12,9 +13,6 @@ namespace sandbox_test {
 class RawClient {
 public:
     explicit RawClient(int port);
-    ~RawClient();
-    RawClient(const RawClient &) = delete;
-    RawClient &operator=(const RawClient &) = delete;
 
     // True when everything was taken; false when the other side has closed. Waits no longer than
     // the time given.
@@ -28,7 +26,7 @@ public:
 private:
     bool fill(std::chrono::steady_clock::time_point until);
 
-    int socket_;
+    support::Socket socket_;
     std::string input_;
     bool ended_ = false;
 };

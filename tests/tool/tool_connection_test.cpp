@@ -12,6 +12,7 @@
 
 #include "ldapx.h"
 #include "support/ber.h"
+#include "support/loopback.h"
 #include "tool.h"
 
 using namespace support;
@@ -36,23 +37,22 @@ Response accepted()
     return {.name = LDAPX_SPLIT_PARTITION_RESPONSE};
 }
 
-// A port on which nothing listens: it was free a moment ago.
-std::string closed_uri()
-{
-    const int file = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(file, reinterpret_cast<sockaddr *>(&address), length);
-    getsockname(file, reinterpret_cast<sockaddr *>(&address), &length);
-    close(file);
-    return "ldap://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-}
+// Nothing listens there, and nobody else can.
+class ClosedPort {
+public:
+    std::string uri() const
+    {
+        return "ldap://127.0.0.1:" + std::to_string(port_of(socket_));
+    }
+
+private:
+    const Socket socket_ = bound_socket();
+};
 
 TEST(Unreachable, server_that_does_not_listen_is_told)
 {
-    const std::string uri = closed_uri();
+    const ClosedPort nobody;
+    const std::string uri = nobody.uri();
     expect(greirige({"-x", "-H", uri, "partition", "split", "o=x"}), 3,
            "greirige: cannot reach " + uri +
                ": connection refused (is the server running? -H chooses another)\n");
@@ -96,7 +96,8 @@ TEST(Unreachable, local_socket_without_a_server_is_told)
 
 TEST(Unreachable, servers_of_a_list_are_told_one_by_one)
 {
-    const std::string first = closed_uri();
+    const ClosedPort nobody;
+    const std::string first = nobody.uri();
     expect(greirige({"-x", "-H", first + " ldapi://%2Fno%2Fsuch", "whoami"}), 3,
            "greirige: cannot reach any server: " + first +
                ": connection refused; ldapi://%2Fno%2Fsuch: no such socket (-H chooses others)\n");
@@ -104,10 +105,11 @@ TEST(Unreachable, servers_of_a_list_are_told_one_by_one)
 
 TEST(Unreachable, server_is_passed_over_for_the_next_of_the_list)
 {
+    const ClosedPort nobody;
     TcpPeer peer;
     peer.answer(split_request, {.code = LDAP_BUSY});
     const Finished finished =
-        greirige({"-x", "-H", closed_uri() + ' ' + peer.uri(), "partition", "split", "o=x"});
+        greirige({"-x", "-H", nobody.uri() + ' ' + peer.uri(), "partition", "split", "o=x"});
     EXPECT_EQ(finished.err,
               cannot_split + peer.uri() + ": Server is busy (51) (try again later)\n");
     EXPECT_EQ(finished.status, 1);
